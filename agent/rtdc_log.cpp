@@ -1,0 +1,114 @@
+#include "agent/rtdc_log.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "agent/rtdc_globals.h"
+#include "control/rta_cmdline.h"
+
+char logfilec[256];
+int logfile_yday = -1;
+
+namespace {
+FILE* log_stream = nullptr;
+// Once the log could not be opened the agent says so once and then stays silent: a full
+// or read-only log directory must not turn into a flood on standard error.
+bool log_open_failed = false;
+
+// Caller holds logfile_mutex (or runs before any other thread exists).
+bool ensure_log_open() {
+    if (log_stream) return true;
+    if (log_open_failed) return false;
+    log_stream = fopen(logfilec, "a");
+    if (!log_stream) {
+        fprintf(stderr, "\nvornrta, Unable to open log file %s, %s \n", logfilec, strerror(errno));
+        log_open_failed = true;
+        return false;
+    }
+    return true;
+}
+
+int make_log_name(const char* node_name, char* path_out, bool vms_form) {
+    time_t now = time(nullptr);
+    struct tm tmv;
+    localtime_r(&now, &tmv);
+    if (tmv.tm_yday == logfile_yday) return 0;
+    char date[64];
+    strftime(date, sizeof date, "%Y%b%d", &tmv);
+    if (vms_form)
+        snprintf(path_out, sizeof logfilec, "%sVORN$REALTIME_%s_%s.LOG", rta_cmdline.log_dir,
+                 node_name, date);
+    else
+        snprintf(path_out, sizeof logfilec, "%s/rta_%s_%s.log", rta_cmdline.log_dir, node_name,
+                 date);
+    logfile_yday = tmv.tm_yday;
+    return 1;
+}
+}  // namespace
+
+int get_log_file_name_unix(const char* node_name, char* path_out) {
+    if (!make_log_name(node_name, path_out, false)) return 0;
+    RTDCCloseLog();
+    return 1;
+}
+
+int get_log_file_name_vms(const char* node_name, char* path_out) {
+    return make_log_name(node_name, path_out, true);
+}
+
+int TimeString(time_t when, char* out) {
+    struct tm tmv;
+    localtime_r(&when, &tmv);
+    char buf[80];
+    if (strftime(buf, sizeof buf, "%Z %T %d-%b-%Y", &tmv) == 0) buf[0] = '\0';
+    memcpy(out, buf, strlen(buf) + 1);
+    return 1;
+}
+
+void RTDCAppendLog(const char* text) {
+    std::lock_guard<std::mutex> lock(logfile_mutex);
+    time_t now = time(nullptr);
+    if (!ensure_log_open()) return;
+    char stamp[80];
+    TimeString(now, stamp);
+    fputs(stamp, log_stream);
+    fputs(" : ", log_stream);
+    fputs(text, log_stream);
+    fflush(log_stream);
+}
+
+void RTDCWriteLog(const char* text) { RTDCAppendLog(text); }
+
+void rtdc_logf(const char* format, ...) {
+    char buf[4096];
+    va_list ap;
+    va_start(ap, format);
+    vsnprintf(buf, sizeof buf, format, ap);
+    va_end(ap);
+    RTDCAppendLog(buf);
+}
+
+void RTDCAppendLogNoTs(const char* format, ...) {
+    if (!ensure_log_open()) return;
+    va_list ap;
+    va_start(ap, format);
+    vfprintf(log_stream, format, ap);
+    va_end(ap);
+    fflush(log_stream);
+}
+
+int RTDCCloseLog() {
+    std::lock_guard<std::mutex> lock(logfile_mutex);
+    if (log_stream) fclose(log_stream);
+    log_stream = nullptr;
+    return 1;
+}
+
+void rtdc_log_reset_for_tests() {
+    RTDCCloseLog();
+    std::lock_guard<std::mutex> lock(logfile_mutex);
+    log_open_failed = false;
+    logfile_yday = -1;
+}

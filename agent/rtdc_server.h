@@ -1,0 +1,40 @@
+// Request server, request handlers and the collection thread.
+#pragma once
+
+#include <cstdio>
+
+#include "control/rta_cmdline.h"
+
+extern char client_addr_str[64];
+extern char client_addr_str1[64];
+extern char Served_client_addr[16];
+
+[[noreturn]] void StartRTAgent(RtaCmdline* settings);
+int start_daemon(const char* directory, int nice_value);
+[[noreturn]] void Terminate(int signal_number);
+int local_sigaction(int sig, void (*handler)(int));
+int CreateISrvrSocket(int port);
+[[noreturn]] void Fallback();
+void* ProcessRequest(void* arg);
+
+int set_data_startup_flags(int fd);
+int handle_data_request(FILE* stream, int fd, const char* client);
+int handle_interval_request(FILE* stream, int fd, const char* client);
+int handle_alert_interval_request(FILE* stream, int fd, const char* client);
+int handle_expdef_request(FILE* stream, int fd, const char* client);
+int handle_desc_request(FILE* stream, int fd, const char* client);
+int handle_getalerts_request(FILE* stream, int fd, const char* client);
+int handle_event_getalerts_request(FILE* stream, int fd, const char* client);
+int handle_rtmonitor_startup(int fd);
+int handle_rtmonitor_shutdown();
+int handle_redirect_request(int fd);
+int get_process_count();
+int numOfProcesses();
+void PipeError(int sig);
+
+int setup_snapshot(int send);
+void* CollectAndTransmit(void* socket);
+void Scanner(int unused);
+
+/// Entry used by the vornrta program.
+int rtdc_main(int argc, char** argv);

@@ -1,0 +1,30 @@
+// Header and data line buffers and counter ids.
+#pragma once
+
+#include <cstddef>
+
+#include "collectors/rtdc_tables.h"
+
+inline constexpr int kMaxLines = 0x10000;
+
+// Each entry owns one malloc'd string; unused entries are null.
+extern char* rtdc_data_headers[kMaxLines];
+extern char* rtdc_data_buffers[kMaxLines];
+extern int n_rtdc_data_headers, n_rtdc_data_buffers;
+extern int n_rtdc_header_len, n_rtdc_data_len;  // sum of (length + 1) of the entries in use
+extern int Offset;                              // last counter id handed out
+
+int rtdc_genids();
+void rtdc_FillIds(CounterDef* table);
+long rtdc_ProcessGenids(long pid, int index);
+void rtdc_ProcessFillIds(CounterDef* table, long pid);
+int rtdc_buffer_headers(char** headers, int* count, const void* data_record, CounterDef* table,
+                        const char* class_prefix);
+int rtdc_buffer_process_headers(char** headers, int* count, CounterDef* table,
+                                const void* data_record, long pid, const char* process_name);
+int rtdc_buffer_data(char** buffers, int* count, const void* data_record, const CounterDef* table);
+void* rtdc_alloc(size_t size);
+int rtdc_alloc64(size_t size, void** out_pointer);
+
+/// Frees every string of a line array, nulls the entries and zeroes count and length.
+void rtdc_free_lines(char** lines, int* count, int* total_len);

@@ -1,0 +1,4 @@
+// Raw config counters (declarations to come with its reader).
+#pragma once
+
+namespace platform {}

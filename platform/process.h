@@ -1,0 +1,4 @@
+// Raw process counters (declarations to come with its reader).
+#pragma once
+
+namespace platform {}
