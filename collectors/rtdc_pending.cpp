@@ -1,0 +1,10 @@
+// Classes whose collectors are still being written: each is already called in its place by
+// the snapshot pass and contributes no lines yet. Remove a function here when its collector
+// lands in its own file.
+#include "packet/rtdc_snapshot.h"
+
+int GetMetricClassInfo(char**, int*, char**, int*, int, int) { return 1; }
+int GetDiskClassInfo(char**, int*, char**, int*, int, int) { return 1; }
+int GetNetClassInfo(char**, int*, char**, int*, int, int) { return 1; }
+int GetFsStatClassInfo(char**, int*, char**, int*, int, int) { return 1; }
+int GetProcessClassInfo(char**, int*, char**, int*, int, int) { return 1; }
