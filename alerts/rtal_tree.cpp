@@ -1,0 +1,393 @@
+// The metric tree: first-child / next-sibling nodes, each holding the full "->" path of its
+// position, the counter's attributes and the instances whose values an alert rule reads.
+#include "alerts/rtal_tree.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "agent/rtdc_globals.h"
+#include "agent/rtdc_log.h"
+
+treeNode* Metric_Tree = nullptr;
+
+namespace {
+
+constexpr size_t kMaxTokenText = 512;  // longer paths cannot be split and are "not found"
+constexpr int kTraceLevel = 9;         // the debug level that traces tree building
+
+bool tracing() { return verbose_flag.load(std::memory_order_relaxed) == kTraceLevel; }
+
+// Fixed-width copy: truncated to the field, always NUL-terminated.
+template <size_t N>
+void copy_field(char (&field)[N], const char* text) {
+    snprintf(field, N, "%s", text ? text : "");
+}
+
+// "<prefix>-><token>", cut to a description field.
+void join_path(char (&out)[128], const char* prefix, const char* token) {
+    snprintf(out, sizeof out, "%s->%s", prefix, token);
+}
+
+const char* description_of(const treeNode* node) {
+    return node && node->data ? node->data->description : "";
+}
+
+void free_description(MetricDescription* md) {
+    if (!md) return;
+    DestroyList(md->instances);
+    free(md);
+}
+
+MetricInstance* new_instance(void* base, const char* name) {
+    auto* inst = static_cast<MetricInstance*>(calloc(1, sizeof(MetricInstance)));
+    if (!inst) return nullptr;
+    inst->base = base;
+    copy_field(inst->name, name);
+    return inst;
+}
+
+// Builds the payload of one counter level: its path, the counter's attributes and one
+// instance. Null when memory runs out (already logged).
+MetricDescription* counter_description(const CounterDef* counter, const char* path, void* base,
+                                       int byInstance, int instance) {
+    auto* md = static_cast<MetricDescription*>(calloc(1, sizeof(MetricDescription)));
+    if (!md) {
+        RTDCAppendLog("AddMetricCounterNode: malloc failed : description\n");
+        return nullptr;
+    }
+    copy_field(md->description, path);
+    copy_field(md->text, counter->description);
+    md->offset = static_cast<uint32_t>(counter->offset);
+    md->type = static_cast<uint32_t>(counter->type);
+    md->attr = static_cast<uint32_t>(counter->marker);
+    md->alertable = static_cast<uint32_t>(counter->is_counter);
+    copy_field(md->unit, counter->units);
+
+    char inst_name[128];
+    if (byInstance)
+        snprintf(inst_name, sizeof inst_name, "%d", instance);
+    else
+        copy_field(inst_name, md->description);
+    MetricInstance* inst = new_instance(base, inst_name);
+    if (!inst || !CreateList(&md->instances) || !AppendToList(&md->instances, inst)) {
+        free(inst);
+        free_description(md);
+        RTDCAppendLog("AddMetricCounterNode: malloc failed : base \n");
+        return nullptr;
+    }
+    return md;
+}
+
+// Depth-first search of a subtree (the node, its children, their siblings) for a path.
+treeNode* find_in_subtree(treeNode* first, const char* path) {
+    for (treeNode* n = first; n && n->data; n = n->next) {
+        if (strcmp(n->data->description, path) == 0) return n;
+        if (treeNode* hit = find_in_subtree(n->child, path)) return hit;
+    }
+    return nullptr;
+}
+
+bool has_instance_named(List* instances, const char* name) {
+    if (!instances) return false;
+    for (ListItem* it = instances->first; it; it = it->next) {
+        const auto* inst = static_cast<const MetricInstance*>(it->data);
+        if (inst && strcmp(inst->name, name) == 0) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+int CreateTokenList(char* text, const char* separators, List** list) {
+    *list = nullptr;
+    if (!text || strlen(text) > kMaxTokenText) return 0;
+    List* tokens = nullptr;
+    if (!CreateList(&tokens)) return 0;
+    char* save = nullptr;
+    for (char* tok = strtok_r(text, separators, &save); tok;
+         tok = strtok_r(nullptr, separators, &save)) {
+        char* copy = strdup(tok);
+        if (!copy || !AppendToList(&tokens, copy)) {
+            free(copy);
+            DestroyList(tokens);
+            return 0;
+        }
+        if (tracing()) rtdc_logf("AppendToList %s\n", copy);
+    }
+    *list = tokens;
+    return 1;
+}
+
+void CreateNode(MetricDescription* data, treeNode** node) {
+    *node = static_cast<treeNode*>(calloc(1, sizeof(treeNode)));
+    if (!*node) {
+        RTDCAppendLog("CreateNode: malloc failed treeNode\n");
+        return;
+    }
+    (*node)->data = data;
+}
+
+void AddChild(treeNode* node, treeNode* parent) {
+    node->parent = parent;
+    node->prev = nullptr;
+    node->next = parent->child;
+    if (parent->child) parent->child->prev = node;
+    parent->child = node;
+}
+
+treeNode* SearchInChilds(const char* name, treeNode* firstSibling) {
+    for (treeNode* n = firstSibling; n && n->data; n = n->next)
+        if (strcmp(n->data->description, name) == 0) return n;
+    return nullptr;
+}
+
+int SearchChildren(const char* name, treeNode* firstSibling, treeNode** found) {
+    *found = SearchInChilds(name, firstSibling);
+    return *found ? 1 : 0;
+}
+
+int SearchDescription1(const char* path, treeNode* root, treeNode** found, int trace) {
+    *found = nullptr;
+    if (!root || !path) return 0;
+    std::lock_guard<std::mutex> lock(tree_mutex);
+
+    std::string work(path);  // the tokeniser cuts its input
+    List* tokens = nullptr;
+    if (!CreateTokenList(work.data(), "->", &tokens)) return 0;
+
+    char prefix[128] = "";
+    treeNode* current = root;
+    for (ListItem* it = tokens->first; it; it = it->next) {
+        char candidate[128];
+        snprintf(candidate, sizeof candidate, "%s%s", prefix, static_cast<char*>(it->data));
+        if (trace)
+            rtdc_logf("searchdescription1: call searchChildren %s, last_description = %s\n",
+                      candidate, prefix);
+        treeNode* hit = nullptr;
+        if (!SearchChildren(candidate, current->child, &hit)) {
+            if (trace) RTDCAppendLog("searchdescription1: call searchChildren failed\n");
+            DestroyList(tokens);
+            return 0;
+        }
+        current = hit;
+        snprintf(prefix, sizeof prefix, "%s->", candidate);
+    }
+    DestroyList(tokens);
+    *found = current;
+    return 1;
+}
+
+int AddMetricNode(const char* name, treeNode* parent, treeNode** node) {
+    *node = nullptr;
+    if (!parent) return 0;
+    if (treeNode* existing = SearchInChilds(name, parent->child)) {
+        *node = existing;
+        return 1;
+    }
+    auto* md = static_cast<MetricDescription*>(calloc(1, sizeof(MetricDescription)));
+    if (!md) return 0;
+    copy_field(md->description, name);
+    copy_field(md->text, name);
+    treeNode* fresh = nullptr;
+    CreateNode(md, &fresh);
+    if (!fresh) {
+        free(md);
+        return 0;
+    }
+    AddChild(fresh, parent);
+    *node = fresh;
+    return 1;
+}
+
+int AddMetricCounterNode(const CounterDef* counter, treeNode* parent, void* base, int byInstance,
+                         int instance) {
+    if (!counter) return 2;
+    if (!parent) return 5;
+    if (tracing())
+        rtdc_logf("AddMetricCounterNode: %s to %s\n", counter->name, description_of(parent));
+
+    char work[sizeof counter->name];
+    copy_field(work, counter->name);
+
+    if (strstr(work, "->")) {
+        List* tokens = nullptr;
+        if (!CreateTokenList(work, "->", &tokens)) return 2;
+        treeNode* current = parent;
+        for (ListItem* it = tokens->first; it; it = it->next) {
+            char candidate[128];
+            join_path(candidate, description_of(current), static_cast<char*>(it->data));
+            if (treeNode* hit = SearchInChilds(candidate, current->child)) {
+                current = hit;  // a level made by an earlier counter is reused unchanged
+                continue;
+            }
+            MetricDescription* md =
+                counter_description(counter, candidate, base, byInstance, instance);
+            if (!md) {
+                DestroyList(tokens);
+                return 2;
+            }
+            treeNode* fresh = nullptr;
+            CreateNode(md, &fresh);
+            if (!fresh) {
+                // Only the node itself failed: the counter is dropped quietly and the
+                // caller goes on with the next one.
+                free_description(md);
+                DestroyList(tokens);
+                return 1;
+            }
+            AddChild(fresh, current);
+            current = fresh;
+        }
+        DestroyList(tokens);
+        return 1;
+    }
+
+    if (tracing()) rtdc_logf("AddMetricCounterNode: %s Does not have sublevel\n", counter->name);
+    // A single-level counter is added without looking for an existing node, so registering
+    // the same table twice gives it a second node.
+    char path[128] = "";
+    if (parent->data) join_path(path, parent->data->description, counter->name);
+    MetricDescription* md = counter_description(counter, path, base, byInstance, instance);
+    if (!md) return 2;
+    treeNode* fresh = nullptr;
+    CreateNode(md, &fresh);
+    if (!fresh) {
+        free_description(md);
+        return 2;
+    }
+    AddChild(fresh, parent);
+    return 1;
+}
+
+int AddCounter(const char* className, const CounterDef* counters, void* base, treeNode* parent) {
+    if (tracing()) rtdc_logf("AddCounter: Counters for metric %s\n", className);
+    if (!parent) return 5;
+    std::lock_guard<std::mutex> lock(tree_mutex);
+    treeNode* classNode = nullptr;
+    if (!AddMetricNode(className, parent, &classNode)) return 2;
+    for (const CounterDef* row = counters; row && row->id != 0; ++row) {
+        if (row->is_counter != 1) continue;
+        int rc = AddMetricCounterNode(row, classNode, base, 0, 0);
+        if (rc != 1) return rc;
+    }
+    return 1;
+}
+
+int AddProcessCounter(const char* processName, const CounterDef* counters, void* base,
+                      treeNode* root, int pid) {
+    if (!root) return 5;
+    std::lock_guard<std::mutex> lock(tree_mutex);
+    treeNode* classNode = nullptr;
+    if (!AddMetricNode("Process", root, &classNode)) return 2;
+
+    char path[128];
+    join_path(path, classNode->data->description, processName ? processName : "");
+    treeNode* processNode = SearchInChilds(path, classNode->child);
+    if (!processNode) {
+        if (!AddMetricNode(path, classNode, &processNode)) return 2;
+        for (const CounterDef* row = counters; row && row->id != 0; ++row) {
+            if (row->is_counter != 1) continue;
+            int rc = AddMetricCounterNode(row, processNode, base, 1, pid);
+            if (rc != 1) return rc;
+        }
+        return 1;
+    }
+
+    // Another process of the same name: its values join the existing leaves as one more
+    // instance, so a rule on the name watches the sum over all of them.
+    char pid_text[32];
+    snprintf(pid_text, sizeof pid_text, "%d", pid);
+    for (const CounterDef* row = counters; row && row->id != 0; ++row) {
+        if (row->is_counter != 1) continue;
+        char leaf_path[128];
+        join_path(leaf_path, processNode->data->description, row->name);
+        treeNode* leaf = find_in_subtree(processNode->child, leaf_path);
+        if (!leaf) return 1;
+        if (has_instance_named(leaf->data->instances, pid_text)) return 1;
+        MetricInstance* inst = new_instance(base, pid_text);
+        if (!inst) continue;
+        if (!leaf->data->instances && !CreateList(&leaf->data->instances)) {
+            free(inst);
+            continue;
+        }
+        if (!AppendToList(&leaf->data->instances, inst)) free(inst);
+    }
+    return 1;
+}
+
+int RemoveTree(treeNode* node) {
+    // Siblings are walked in a loop rather than by recursion: the process class can hold
+    // thousands of them and request threads run on small stacks.
+    while (node) {
+        treeNode* next = node->next;
+        RemoveTree(node->child);
+        free_description(node->data);
+        if (node == Metric_Tree) Metric_Tree = nullptr;
+        free(node);
+        node = next;
+    }
+    return 1;
+}
+
+int RemoveNode(treeNode* node) {
+    if (!node) return 1;
+    std::lock_guard<std::mutex> lock(tree_mutex);
+    if (treeNode* parent = node->parent) {
+        if (parent->child != node) {
+            if (node->prev) node->prev->next = node->next;
+            if (node->next) node->next->prev = node->prev;
+        } else {
+            parent->child = node->next;
+            if (node->next) node->next->prev = nullptr;
+        }
+        node->next = nullptr;
+        node->prev = nullptr;
+    }
+    // A parentless node is removed with its later siblings; the lock is released on this
+    // path too, so a wrong caller cannot leave the tree locked for ever.
+    RemoveTree(node);
+    return 1;
+}
+
+void TraverseTree(treeNode* node, TreeVisit visit, void* arg) {
+    if (!node) return;
+    // Leaves are visited as: this node, then all its later siblings (each with its own later
+    // siblings first), then the children, last sibling's children first. Walking the sibling
+    // chain in a loop keeps that order without one stack frame per sibling.
+    std::vector<treeNode*> siblings;
+    for (treeNode* n = node; n; n = n->next) {
+        if (!n->child) visit(n, arg, arg);
+        siblings.push_back(n);
+    }
+    for (auto it = siblings.rbegin(); it != siblings.rend(); ++it) TraverseTree((*it)->child, visit, arg);
+}
+
+void Traverse_Tree_for_leaves(treeNode* node, TreeVisit visit, void* arg) {
+    std::lock_guard<std::mutex> lock(tree_mutex);
+    TraverseTree(node, visit, arg);
+}
+
+int rtal_create_root(const char* node_name) {
+    if (Metric_Tree) return 1;
+    RTDCAppendLog("Fallback:  malloc  for MetricDescription\n");
+    auto* md = static_cast<MetricDescription*>(calloc(1, sizeof(MetricDescription)));
+    if (!md) {
+        RTDCAppendLog("Fallback: malloc failed : metricdescription\n");
+        return 0;
+    }
+    copy_field(md->description, node_name);
+    copy_field(md->text, "Root node");
+    treeNode* root = nullptr;
+    CreateNode(md, &root);
+    if (!root) {
+        free(md);
+        RTDCAppendLog("Fallback: malloc failed : metrictree\n");
+        return 0;
+    }
+    std::lock_guard<std::mutex> lock(tree_mutex);
+    Metric_Tree = root;
+    return 1;
+}
