@@ -30,10 +30,13 @@ bool ensure_log_open() {
     return true;
 }
 
-int make_log_name(const char* node_name, char* path_out, bool vms_form) {
+// Request threads recompute the name at the start of every connection, so the computation
+// and the switch to the new day's file happen under logfile_mutex.
+int make_log_name(const char* node_name, char* path_out, bool vms_form, bool close_old) {
     time_t now = time(nullptr);
     struct tm tmv;
     localtime_r(&now, &tmv);
+    std::lock_guard<std::mutex> lock(logfile_mutex);
     if (tmv.tm_yday == logfile_yday) return 0;
     char date[64];
     strftime(date, sizeof date, "%Y%b%d", &tmv);
@@ -44,18 +47,20 @@ int make_log_name(const char* node_name, char* path_out, bool vms_form) {
         snprintf(path_out, sizeof logfilec, "%s/rta_%s_%s.log", rta_cmdline.log_dir, node_name,
                  date);
     logfile_yday = tmv.tm_yday;
+    if (close_old && log_stream) {
+        fclose(log_stream);
+        log_stream = nullptr;
+    }
     return 1;
 }
 }  // namespace
 
 int get_log_file_name_unix(const char* node_name, char* path_out) {
-    if (!make_log_name(node_name, path_out, false)) return 0;
-    RTDCCloseLog();
-    return 1;
+    return make_log_name(node_name, path_out, false, true);
 }
 
 int get_log_file_name_vms(const char* node_name, char* path_out) {
-    return make_log_name(node_name, path_out, true);
+    return make_log_name(node_name, path_out, true, false);
 }
 
 int TimeString(time_t when, char* out) {

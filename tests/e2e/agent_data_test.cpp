@@ -1,0 +1,193 @@
+// A console's view of the data path: header packet, then a data packet every scan, interval
+// changes, EXIT, a second console taking over, consoles that go away.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "agent_harness.h"
+
+namespace {
+using namespace e2e;
+using Clock = std::chrono::steady_clock;
+
+struct Packet {
+    bool valid = false;
+    int number = -1;
+    int interval = -1;
+    std::vector<std::string> headers;
+    std::vector<std::string> data;
+};
+
+// Checks the frame strictly: prefix length equals the body, tags in order.
+Packet parse(const std::string& raw) {
+    Packet p;
+    std::smatch m;
+    static const std::regex frame(
+        "^ \nBUFFERSIZE=(\\d{6,})\n(<START>\n<PACKET>\n(\\d+)\n</PACKET>\n<TIME>\n[^\n]+\n</TIME>\n"
+        "<INTERVAL>\n(-?\\d+)\n</INTERVAL>\n<HEADER>\n([\\s\\S]*)</HEADER>\n<DATA>\n([\\s\\S]*)"
+        "</DATA>\n</START>\n)$");
+    if (!std::regex_match(raw, m, frame)) return p;
+    if (std::stoul(m[1]) != m[2].length()) return p;
+    p.number = std::stoi(m[3]);
+    p.interval = std::stoi(m[4]);
+    auto lines = [](const std::string& section) {
+        std::vector<std::string> out;
+        if (section == " \n") return out;
+        size_t start = 0;
+        while (start < section.size()) {
+            size_t nl = section.find('\n', start);
+            out.push_back(section.substr(start, nl - start));
+            start = nl + 1;
+        }
+        return out;
+    };
+    p.headers = lines(m[5]);
+    p.data = lines(m[6]);
+    p.valid = true;
+    return p;
+}
+
+std::set<int> header_ids(const Packet& p) {
+    std::set<int> ids;
+    static const std::regex id("::(-?\\d+)::");
+    for (auto& h : p.headers) {
+        std::smatch m;
+        if (std::regex_search(h, m, id)) ids.insert(std::stoi(m[1]));
+    }
+    return ids;
+}
+
+struct DataPath : ::testing::Test {
+    InstallRoot root;
+    int port = free_port();
+    std::unique_ptr<Agent> agent;
+    void SetUp() override {
+        agent = std::make_unique<Agent>(root, std::vector<std::string>{"-nofork", "-port", std::to_string(port), "-scan", "1"});
+        ASSERT_TRUE(agent->wait_listening(port)) << agent->err();
+    }
+    void TearDown() override { EXPECT_EQ(agent->stop(), 0); }
+
+    int open_descriptors() const {
+        int n = 0;
+        for ([[maybe_unused]] auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(agent->pid()) + "/fd")) ++n;
+        return n;
+    }
+};
+
+TEST_F(DataPath, HeaderPacketThenDataEverySecondWithConsistentIds) {
+    Client console(port);
+    ASSERT_TRUE(console.send("<DATA>\n1\n"));
+    Packet header = parse(console.read_packet(5000));
+    ASSERT_TRUE(header.valid);
+    EXPECT_EQ(header.number, 1);
+    EXPECT_EQ(header.interval, 1);
+    ASSERT_FALSE(header.headers.empty());
+    EXPECT_NE(std::find_if(header.headers.begin(), header.headers.end(),
+                           [](auto& h) { return h.rfind("Cpu~^1~^-> Mode Averages->Idle::", 0) == 0; }),
+              header.headers.end());
+    std::set<int> ids = header_ids(header);
+
+    Packet first = parse(console.read_packet(5000));
+    ASSERT_TRUE(first.valid);
+    EXPECT_EQ(first.number, 2);
+    EXPECT_TRUE(first.headers.empty()) << "data packets never carry header lines";
+    ASSERT_FALSE(first.data.empty());
+
+    auto last = Clock::now();
+    for (int expected = 3; expected <= 5; ++expected) {
+        Packet p = parse(console.read_packet(5000));
+        ASSERT_TRUE(p.valid) << "packet " << expected;
+        EXPECT_EQ(p.number, expected);
+        auto now = Clock::now();
+        auto gap = std::chrono::duration_cast<std::chrono::milliseconds>(now - last).count();
+        if (expected > 3) EXPECT_LT(gap, 2500) << "a data packet every scan interval";
+        last = now;
+        for (auto& line : p.data) {
+            std::smatch m;
+            ASSERT_TRUE(std::regex_match(line, m, std::regex("(\\d+)=(.*)"))) << line;
+            EXPECT_TRUE(ids.count(std::stoi(m[1]))) << "data id without a header: " << line;
+        }
+    }
+}
+
+TEST_F(DataPath, IntervalRequestChangesPrintedInterval) {
+    Client console(port);
+    ASSERT_TRUE(console.send("<DATA>\n1\n"));
+    ASSERT_TRUE(parse(console.read_packet(5000)).valid);
+    std::string reply = request(port, "<INTERVAL>\n7\n", 5000);
+    EXPECT_EQ(reply, "");
+    bool seen = false;
+    for (int i = 0; i < 6 && !seen; ++i) seen = parse(console.read_packet(5000)).interval == 7;
+    EXPECT_TRUE(seen);
+}
+
+TEST_F(DataPath, ExitEndsTheDataConnectionAndANewConsoleIsServed) {
+    int before = open_descriptors();
+    {
+        Client console(port);
+        ASSERT_TRUE(console.send("<DATA>\n1\n"));
+        ASSERT_TRUE(parse(console.read_packet(5000)).valid);
+        Client other(port);
+        other.send("EXIT\n");
+        other.close_now();
+        bool eof = false;
+        console.read_to_end(6000, &eof);
+        EXPECT_TRUE(eof) << "EXIT closes the data connection at the next tick";
+    }
+    EXPECT_TRUE(wait_for_log(root, "RTS opted to stop getting data from RTC\n", 3000));
+
+    Client again(port);
+    ASSERT_TRUE(again.send("<DATA>\n1\n"));
+    Packet header = parse(again.read_packet(5000));
+    ASSERT_TRUE(header.valid);
+    EXPECT_EQ(header.number, 1) << "a new data connection restarts packet numbers";
+    EXPECT_FALSE(header.headers.empty());
+    EXPECT_TRUE(parse(again.read_packet(5000)).valid);
+    again.close_now();
+    // The request and data connections are all released again.
+    for (int i = 0; i < 40 && open_descriptors() > before; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_LE(open_descriptors(), before + 1);
+}
+
+TEST_F(DataPath, SecondConsoleTakesOverAndTheFirstSeesEndOfStream) {
+    Client first(port);
+    ASSERT_TRUE(first.send("<DATA>\n1\n"));
+    ASSERT_TRUE(parse(first.read_packet(5000)).valid);
+    Client second(port);
+    ASSERT_TRUE(second.send("<DATA>\n1\n"));
+    Packet header = parse(second.read_packet(5000));
+    ASSERT_TRUE(header.valid);
+    EXPECT_EQ(header.number, 1);
+    bool eof = false;
+    first.read_to_end(5000, &eof);
+    EXPECT_TRUE(eof);
+    EXPECT_TRUE(parse(second.read_packet(5000)).valid);
+    EXPECT_TRUE(parse(second.read_packet(5000)).valid);
+}
+
+TEST_F(DataPath, ConsolesThatVanishDoNotStopTheAgent) {
+    int before = open_descriptors();
+    for (int round = 0; round < 3; ++round) {
+        Client console(port);
+        ASSERT_TRUE(console.send("<DATA>\n1\n"));
+        ASSERT_TRUE(parse(console.read_packet(5000)).valid);
+        console.close_now();  // gone mid-stream: the next write fails
+        std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    }
+    Client last(port);
+    ASSERT_TRUE(last.send("<DATA>\n1\n"));
+    EXPECT_TRUE(parse(last.read_packet(5000)).valid);
+    EXPECT_TRUE(parse(last.read_packet(5000)).valid);
+    last.close_now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    EXPECT_LE(open_descriptors(), before + 1) << "descriptors of vanished consoles are released";
+}
+
+}  // namespace
