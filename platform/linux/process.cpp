@@ -1,0 +1,328 @@
+// Per-process counters from /proc/<pid>/{stat,status,io}.
+//
+// Cost matters here: with thousands of processes this is most of a scan. Each process gets
+// one directory descriptor, and its three files are opened relative to it, read once into
+// a buffer on this function's stack and closed at once, so nothing outlives the scan.
+#include "platform/process.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "platform/clock.h"
+#include "platform/linux/proc_file.h"
+#include "platform/roots.h"
+
+namespace platform {
+namespace {
+
+using procfs::copy_field;
+using procfs::next_token;
+using procfs::parse_i64;
+using procfs::parse_u64;
+
+// stat is well under 1 KiB; status is about 1.5 KiB and the real uid sits in its first
+// dozen lines, so a longer status (huge supplementary group lists) cut here loses nothing.
+constexpr size_t kReadBuffer = 8192;
+
+// Opens `name` below `dirfd`, reads it with one call and closes it. The length read, or -1
+// with errno set. The kernel builds these files whole on the first read.
+ssize_t read_small(int dirfd, const char* name, char* buf, size_t cap) {
+    int fd = ::openat(dirfd, name, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return -1;
+    ssize_t n;
+    do {
+        n = ::read(fd, buf, cap);
+    } while (n < 0 && errno == EINTR);
+    int saved = errno;
+    ::close(fd);
+    errno = saved;
+    return n;
+}
+
+// proc(5) stat: "pid (comm) state ppid pgrp session tty_nr tpgid flags minflt cminflt
+// majflt cmajflt utime stime cutime cstime priority nice num_threads itrealvalue starttime
+// vsize rss ...". The name may hold blanks and parentheses of its own, so it runs from the
+// first '(' to the LAST ')'.
+bool parse_stat(std::string_view text, ProcessSample& out, int64_t page_kb) {
+    size_t open = text.find('(');
+    size_t close = text.rfind(')');
+    if (open == std::string_view::npos || close == std::string_view::npos || close < open)
+        return false;
+    copy_field(out.name, sizeof out.name, text.substr(open + 1, close - open - 1));
+
+    std::string_view rest = text.substr(close + 1);
+    // Field numbers as proc(5) counts them; the state (field 3) is the first after ')'.
+    int64_t s = 0;
+    int got = 0;
+    for (int field = 3; field <= 24; ++field) {
+        std::string_view token = next_token(rest);
+        if (token.empty()) return false;
+        switch (field) {
+            case 4:
+                if (!parse_i64(token, s)) return false;
+                out.ppid = static_cast<int32_t>(s);
+                ++got;
+                break;
+            case 7:
+                if (!parse_i64(token, s)) return false;
+                out.tty_nr = static_cast<int32_t>(s);
+                ++got;
+                break;
+            case 10:
+                if (!parse_u64(token, out.minflt)) return false;
+                ++got;
+                break;
+            case 12:
+                if (!parse_u64(token, out.majflt)) return false;
+                ++got;
+                break;
+            case 14:
+                if (!parse_u64(token, out.utime)) return false;
+                ++got;
+                break;
+            case 15:
+                if (!parse_u64(token, out.stime)) return false;
+                ++got;
+                break;
+            case 18:
+                if (!parse_i64(token, out.priority)) return false;
+                ++got;
+                break;
+            case 22:
+                if (!parse_u64(token, out.start_time)) return false;
+                ++got;
+                break;
+            case 24:
+                // rss is signed in the kernel's print and can read -1 transiently.
+                if (!parse_i64(token, s)) return false;
+                out.rss_kb = s > 0 ? s * page_kb : 0;
+                ++got;
+                break;
+            default:
+                break;
+        }
+    }
+    return got == 9;
+}
+
+// status: "Uid:\treal\teffective\tsaved\tfs".
+bool parse_status_uid(std::string_view text, uint32_t& uid) {
+    size_t at = text.starts_with("Uid:") ? 0 : text.find("\nUid:");
+    if (at == std::string_view::npos) return false;
+    if (text[at] == '\n') ++at;
+    std::string_view line = text.substr(at + 4);
+    line = line.substr(0, line.find('\n'));
+    uint64_t value;
+    if (!parse_u64(next_token(line), value) || value > UINT32_MAX) return false;
+    uid = static_cast<uint32_t>(value);
+    return true;
+}
+
+// io: "name: value" lines, read by name since the set of lines differs between kernels.
+void parse_io(std::string_view text, ProcessSample& out) {
+    while (!text.empty()) {
+        std::string_view line = procfs::next_line(text);
+        size_t colon = line.find(':');
+        if (colon == std::string_view::npos) continue;
+        std::string_view key = line.substr(0, colon);
+        std::string_view value_text = line.substr(colon + 1);
+        uint64_t value;
+        if (!parse_u64(next_token(value_text), value)) continue;
+        if (key == "rchar") out.rchar = value;
+        else if (key == "wchar") out.wchar = value;
+        else if (key == "syscr") out.syscr = value;
+        else if (key == "syscw") out.syscw = value;
+        else if (key == "read_bytes") out.read_bytes = value;
+        else if (key == "write_bytes") out.write_bytes = value;
+    }
+}
+
+int64_t page_kilobytes() {
+    static const int64_t kb = [] {
+        long size = sysconf(_SC_PAGESIZE);
+        return static_cast<int64_t>(size > 0 ? size / 1024 : 4);
+    }();
+    return kb;
+}
+
+// Reads one process whose directory is open as `dirfd`. False when it is gone (or its stat
+// is not a stat file).
+bool read_one(int dirfd, int32_t pid, ProcessSample& out, char* buf) {
+    out = ProcessSample{};
+    out.pid = pid;
+    ssize_t n = read_small(dirfd, "stat", buf, kReadBuffer);
+    if (n <= 0) return false;
+    out.sampled_at = seconds_since_boot();
+    if (!parse_stat(std::string_view(buf, static_cast<size_t>(n)), out, page_kilobytes()))
+        return false;
+
+    n = read_small(dirfd, "status", buf, kReadBuffer);
+    if (n <= 0 || !parse_status_uid(std::string_view(buf, static_cast<size_t>(n)), out.uid))
+        return false;
+
+    // An io file that cannot be read leaves the process in the scan with no I/O figures:
+    // EACCES for another user's process when ptrace-level access is missing, ENOENT on
+    // kernels without I/O accounting.
+    n = read_small(dirfd, "io", buf, kReadBuffer);
+    if (n > 0) {
+        out.has_io = true;
+        parse_io(std::string_view(buf, static_cast<size_t>(n)), out);
+    }
+    return true;
+}
+
+bool parse_pid(const char* name, int32_t& pid) {
+    if (*name < '1' || *name > '9') return false;
+    int64_t v = 0;
+    for (const char* p = name; *p; ++p) {
+        if (*p < '0' || *p > '9' || v > INT32_MAX / 10) return false;
+        v = v * 10 + (*p - '0');
+    }
+    if (v > INT32_MAX) return false;
+    pid = static_cast<int32_t>(v);
+    return true;
+}
+
+struct UserCache {
+    std::mutex lock;
+    std::unordered_map<uint32_t, std::string> names;
+};
+
+UserCache& user_cache() {
+    static UserCache cache;
+    return cache;
+}
+
+}  // namespace
+
+int read_processes(ProcessVisitor visit, void* arg) {
+    DIR* dir = ::opendir(roots().proc.c_str());
+    if (!dir) return -1;
+    const int procfd = ::dirfd(dir);
+    char buf[kReadBuffer];
+    ProcessSample sample;
+    int visited = 0;
+    while (dirent* entry = ::readdir(dir)) {
+        int32_t pid;
+        if (!parse_pid(entry->d_name, pid)) continue;
+        int pidfd = ::openat(procfd, entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (pidfd < 0) continue;  // exited since the directory was listed
+        bool ok = read_one(pidfd, pid, sample, buf);
+        ::close(pidfd);
+        if (!ok) continue;
+        visit(sample, arg);
+        ++visited;
+    }
+    ::closedir(dir);
+    return visited;
+}
+
+bool read_process(int32_t pid, ProcessSample& out) {
+    char path[64];
+    snprintf(path, sizeof path, "%d", pid);
+    std::string dir = roots().proc + "/" + path;
+    int pidfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (pidfd < 0) return false;
+    char buf[kReadBuffer];
+    bool ok = read_one(pidfd, pid, out, buf);
+    ::close(pidfd);
+    return ok;
+}
+
+uint64_t clock_ticks_per_second() {
+    static const uint64_t hz = [] {
+        long v = sysconf(_SC_CLK_TCK);
+        return static_cast<uint64_t>(v > 0 ? v : 100);
+    }();
+    return hz;
+}
+
+int online_processors() {
+    // "0-3,6,8-9": ranges and single numbers separated by commas.
+    std::string path = roots().sys + "/devices/system/cpu/online";
+    char text[1024];
+    int count = 0;
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        ssize_t n = ::read(fd, text, sizeof text - 1);
+        ::close(fd);
+        if (n > 0) {
+            std::string_view list(text, static_cast<size_t>(n));
+            while (!list.empty()) {
+                size_t comma = list.find(',');
+                std::string_view item = list.substr(0, comma);
+                list.remove_prefix(comma == std::string_view::npos ? list.size() : comma + 1);
+                while (!item.empty() && (item.back() == '\n' || item.back() == ' '))
+                    item.remove_suffix(1);
+                size_t dash = item.find('-');
+                uint64_t lo, hi;
+                if (dash == std::string_view::npos) {
+                    if (parse_u64(item, lo)) ++count;
+                } else if (parse_u64(item.substr(0, dash), lo) &&
+                           parse_u64(item.substr(dash + 1), hi) && hi >= lo && hi - lo < 65536) {
+                    count += static_cast<int>(hi - lo + 1);
+                }
+            }
+        }
+    }
+    if (count > 0) return count;
+    long onln = sysconf(_SC_NPROCESSORS_ONLN);
+    return onln > 0 ? static_cast<int>(onln) : 1;
+}
+
+void user_name(uint32_t uid, char* out, size_t size) {
+    UserCache& cache = user_cache();
+    std::lock_guard<std::mutex> hold(cache.lock);
+    auto it = cache.names.find(uid);
+    if (it == cache.names.end()) {
+        std::string name;
+        passwd entry{};
+        passwd* found = nullptr;
+        char pwbuf[4096];
+        if (getpwuid_r(uid, &entry, pwbuf, sizeof pwbuf, &found) == 0 && found &&
+            found->pw_name && *found->pw_name) {
+            name = found->pw_name;
+        } else {
+            name = std::to_string(uid);
+        }
+        it = cache.names.emplace(uid, std::move(name)).first;
+    }
+    copy_field(out, size, it->second);
+}
+
+void tty_name(int32_t tty_nr, char* out, size_t size) {
+    if (size == 0) return;
+    if (tty_nr == 0) {
+        copy_field(out, size, "?");
+        return;
+    }
+    // The kernel prints tty_nr as new_encode_dev(): major in bits 8-19, minor in bits
+    // 0-7 and 20-31.
+    const auto dev = static_cast<uint32_t>(tty_nr);
+    const unsigned major_nr = (dev >> 8) & 0xfffu;
+    const unsigned minor_nr = (dev & 0xffu) | ((dev >> 12) & 0xfff00u);
+    if (major_nr >= 136 && major_nr <= 143)  // Unix98 pseudo-terminals
+        snprintf(out, size, "pts/%u", (major_nr - 136) * 256 + minor_nr);
+    else if (major_nr == 4 && minor_nr < 64)
+        snprintf(out, size, "tty%u", minor_nr);
+    else if (major_nr == 4)
+        snprintf(out, size, "ttyS%u", minor_nr - 64);
+    else if (major_nr == 5 && minor_nr == 1)
+        copy_field(out, size, "console");
+    else if (major_nr == 5 && minor_nr == 0)
+        copy_field(out, size, "tty");
+    else
+        snprintf(out, size, "%u,%u", major_nr, minor_nr);
+}
+
+}  // namespace platform
