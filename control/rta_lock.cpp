@@ -21,10 +21,7 @@ namespace {
 
 using rta::copy_text;
 
-void store_text(char* field, size_t cap, const char* value) {
-    copy_text(field, cap, value);
-    rta::drop_last_char(field);
-}
+void store_text(char* field, size_t cap, const char* value) { rta::copy_value(field, cap, value); }
 
 // Verbose, alerts and processes take only 0 or 1; anything else leaves the field alone.
 void store_switch(int* field, const char* value) {

@@ -26,10 +26,7 @@ constexpr int kSettingsLine = 512;
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 
 // A text value: everything after the key, minus its last character (the line end).
-void store_path_value(char* field, size_t cap, const char* value) {
-    copy_text(field, cap, value);
-    rta::drop_last_char(field);
-}
+void store_path_value(char* field, size_t cap, const char* value) { rta::copy_value(field, cap, value); }
 
 }  // namespace
 

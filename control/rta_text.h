@@ -25,11 +25,15 @@ inline void copy_field(char (&dst)[N], const char* src) {
     copy_text(dst, N, src);
 }
 
-/// Removes the last character of text, if there is one (the value of a key~value line
-/// is meant to end in the line's newline).
-inline void drop_last_char(char* text) {
-    size_t n = strlen(text);
-    if (n > 0) text[n - 1] = '\0';
+/// Stores the value of a key~value line without its last character (meant to be the
+/// line's newline), then fitted to the field.
+inline void copy_value(char* dst, size_t cap, const char* value) {
+    if (cap == 0) return;
+    size_t n = strlen(value);
+    if (n > 0) --n;
+    if (n > cap - 1) n = cap - 1;
+    memmove(dst, value, n);
+    dst[n] = '\0';
 }
 
 /// Today's local date as "%Y%b%d" (e.g. 2012Feb23), the date part of log file names.
