@@ -9,22 +9,38 @@
 #include "alerts/rtal_tree.h"
 
 struct ExceptionObject {
-    MetricDescription* metric;
+    MetricDescription* metric;  // bound tree node's description; an alert owns its own copy
     char exp_name[128];
-    char name[128];
+    char name[128];  // path as the console wrote it (a leaf's full path for "*" rules)
     char descript[256];
     char condition[8];
     int32_t hours;
     int32_t minutes;
-    int32_t duration;
+    int32_t duration;  // seconds: hours * 3600 + minutes * 60
     uint32_t seconds;
     uint32_t intervals;
-    uint32_t active;
+    uint32_t active;  // 1 armed, 0 raised and waiting to clear
     time_t started;
     time_t raised;
     time_t last;
     double ave, min, max, sum;
     double limit;
+    char owner[16];
+    // The bound node's full path when the rule was bound. A process node can be removed and
+    // its memory reused while the rule lives on; the evaluator checks the pointer against
+    // the live tree and this path before it reads through `metric`.
+    char bound[128];
+};
+
+/// One parsed <EXPDEF> line, fixed fields in request order plus the owner.
+struct ExpdefFields {
+    char exp_name[128];
+    char name[128];
+    char descript[256];
+    char condition[8];
+    char limit[12];
+    char hours[12];
+    char minutes[12];
     char owner[16];
 };
 
@@ -32,12 +48,25 @@ extern List* Expdef_list;  // guarded by expdef_mutex
 extern List* Alert_list;   // guarded by alert_mutex
 
 void rtal_expdef_action(FILE* stream, const char* owner);
+/// Tree-walk visitor for "*" rules: binds a copy of the rule in `fields` (an ExpdefFields) to
+/// the leaf. Runs inside tree_mutex and takes expdef_mutex.
+void Add_leave_nodes_to_list(treeNode* leaf, void* fields, void* unused);
 int rtal_expdef_check_defs(int socket, int always);
 void rtal_checkexp();
 void CheckForAlert(int satisfied, ExceptionObject* rule, double value);
 int AllocateExceptionObject(ExceptionObject* rule, ExceptionObject** alert);
+/// Frees an alert and its metric description copy. The copy shares the rule's instance list,
+/// which belongs to the tree and is left alone. Use it wherever an alert is dropped.
+void rtal_free_alert(ExceptionObject* alert);
 int rtal_getalert_action(int socket, const char* owner);
 void rtal_desc_action(int socket);
+/// Tree-walk visitor for <DESC>: writes one leaf line to the int socket at `socket`. After a
+/// failed write it sets that int to -1 and later leaves are skipped.
+void sendMetricsHeader(treeNode* leaf, void* socket, void* unused);
 void log_alert_list(int verbose);
 void log_expdef_list(int verbose);
 int rtal_checksock(int socket);
+
+/// Clock of the alert state machine; null restores time(). Tests drive it by hand.
+void rtal_set_clock(time_t (*now)());
+time_t rtal_now();

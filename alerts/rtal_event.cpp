@@ -1,0 +1,139 @@
+// Events: text lines a client hands in with <EVENT>, kept in a fixed store and given
+// verbatim, once, to the first console that asks with <EVENT_GET_ALERTS>; and the event
+// definition file left by <EVENT_DEF> for other programs on the host.
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include "agent/rtdc_globals.h"
+#include "agent/rtdc_log.h"
+#include "alerts/rtal_event.h"
+#include "alerts/rtal_io.h"
+#include "alerts/rtal_rules.h"
+#include "control/rta_cmdline.h"
+
+char eventlist[kMaxEvents][512];
+int no_events = 0;
+int max_events = kMaxEvents;
+
+List* Evntdef_list = nullptr;
+List* Event_Alert_list = nullptr;
+
+namespace {
+
+// The definition file is written from whatever a peer sends; a runaway or hostile client
+// must not fill the disk the log and settings live on.
+constexpr long kMaxEventDefBytes = 1L << 20;
+
+const rtal::RuleReader kEventReader = {
+    "VORNRTA-I-EVENT:    parse new list\n",
+    "VORNRTA-I-EVENT:    read: ",
+    "</EVENT>",
+    {"parse evntdef : exp_name\n", "parse evntdef : name\n", "parse evntdef : condition\n",
+     "parse Evntdef : limit\n", "parse expdef : duration hrs\n", "parse expdef : duration mins\n",
+     "parse expdef : descript\n"},
+    "VORNRTA-I-EVNTDEF:   Finished Processing <EVENT>\n",
+    false,
+};
+
+}  // namespace
+
+int handle_event_request(FILE* stream, int /*fd*/, const char* /*client*/) {
+    // Held for the whole read; the server's receive timeout on the request socket ends a
+    // client that stops sending, so the store is never held for ever.
+    std::lock_guard<std::mutex> lock(event_mutex);
+    if (rtal::verbose()) rtdc_logf("%-20s <EVENT> tag \n", "VORNRTA-I-TAG:");
+    while (no_events < kMaxEvents) {
+        // A read error (the receive timeout included) counts as end of stream.
+        if (!fgets(eventlist[no_events], sizeof eventlist[0], stream)) break;
+        if (rtal::verbose())
+            rtdc_logf("%-20s %s \n", "VORNRTA-I-EVENTDEF:", eventlist[no_events]);
+        no_events++;
+        if (no_events == kMaxEvents) {
+            rtdc_logf("%-20s %s \n", "VORNRTA-E-EVENTDEF", "error too many events");
+            break;
+        }
+    }
+    return 0;
+}
+
+int handle_event_def_request(FILE* stream, int /*fd*/, const char* line, const char* /*client*/) {
+    rtdc_logf("%-20s <EVENT_DEF> tag \n", "VORNRTA-I-TAG:");
+    char path[1024];
+    snprintf(path, sizeof path, "%s/eventdef_%s.dat", rta_cmdline.settings_dir,
+             rta_cmdline.hostname);
+    FILE* out = fopen(path, "w");
+    if (!out) return 0;
+    long written = 0;
+    if (line) {
+        fputs(line, out);
+        written += static_cast<long>(strlen(line));
+    }
+    char buf[512];
+    while (fgets(buf, sizeof buf, stream)) {
+        long len = static_cast<long>(strlen(buf));
+        if (written + len > kMaxEventDefBytes) {
+            rtdc_logf("VORNRTA-E-EVENTDEF: %s: definition longer than %ld bytes, rest dropped\n",
+                      path, kMaxEventDefBytes);
+            break;
+        }
+        fputs(buf, out);
+        written += len;
+    }
+    fflush(out);
+    if (fclose(out) != 0)
+        rtdc_logf("VORNRTA-E-EVENTDEF: writing %s failed: %s\n", path, strerror(errno));
+    return 1;
+}
+
+int rtal_event_getalert_action(int socket, const char* /*owner*/) {
+    static const char kOpen[] = "<EVENT_ALERTS_GENERATED>\n";
+    static const char kClose[] = "</EVENT_ALERTS_GENERATED>\n";
+    if (!rtal::write_text(socket, kOpen)) {
+        rtdc_logf("%-18s <EVENT_ALERTS_GENERATED> tag send failed: %s\n", "VORNRTA-I-TAGFAIL:",
+                  strerror(errno));
+        return -1;
+    }
+    if (rtal::verbose()) rtdc_logf("%-18s %s tag sent\n", "VORNRTA-I-TAG:", kOpen);
+    {
+        std::lock_guard<std::mutex> lock(event_mutex);
+        if (no_events >= 1) {
+            if (rtal::verbose())
+                rtdc_logf("%-18s %d event to be sent\n", "VORNRTA-I-TAG:", no_events);
+            for (int i = 0; i < no_events; i++) {
+                rtdc_logf("VORN-I-EVENT: sending event[%d],%s\n", i, eventlist[i]);
+                if (!rtal::write_text(socket, eventlist[i])) {
+                    // The events stay stored for the next console, and the store is released
+                    // so that later <EVENT> requests are not locked out.
+                    rtdc_logf("VORNRTA-E-EVENT: failed to send event %d, %s\n", i,
+                              strerror(errno));
+                    return -1;
+                }
+            }
+            no_events = 0;
+        }
+    }
+    if (!rtal::write_text(socket, kClose)) {
+        rtdc_logf("VORNRTA-E-WRITE: write socket failed </EVENT_ALERTS_GENERATED>: %s\n",
+                  strerror(errno));
+        return -1;
+    }
+    if (rtal::verbose()) rtdc_logf("%-18s %s tag sent\n", "VORNRTA-I-TAG:", kClose);
+    return 1;
+}
+
+void rtal_event_action(FILE* stream, const char* owner) {
+    char cut_owner[16];
+    rtal::copy_field(cut_owner, owner);
+    {
+        // The rules it makes join Expdef_list, which the evaluator walks: take its lock.
+        std::lock_guard<std::mutex> lock(expdef_mutex);
+        if (!Evntdef_list) {
+            if (!CreateList(&Evntdef_list))
+                RTDCAppendLog("VORNRTA-E-MALLOC: CreateList: failed\n");
+        } else {
+            rtal::remove_owner_rules(Evntdef_list, cut_owner);
+        }
+    }
+    rtal::read_rules(stream, cut_owner, kEventReader);
+}

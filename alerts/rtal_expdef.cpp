@@ -1,0 +1,310 @@
+// Exception definitions: the console's alert rules, read from an <EXPDEF> request, bound to
+// nodes of the metric tree and kept per console in Expdef_list.
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "agent/rtdc_globals.h"
+#include "agent/rtdc_log.h"
+#include "alerts/rtal_expdef.h"
+#include "alerts/rtal_io.h"
+#include "alerts/rtal_rules.h"
+
+List* Expdef_list = nullptr;
+
+namespace rtal {
+namespace {
+
+const RuleReader kExpdefReader = {
+    "VORNRTA-I-EXPDEF:    parse new list\n",
+    "VORNRTA-I-EXPDEF:    read: ",
+    "</EXPDEF>",
+    {"parse expdef : exp_name\n", "parse expdef : name\n", "parse expdef : condition\n",
+     "parse expdef : limit\n", "parse expdef : duration hrs\n", "parse expdef : duration mins\n",
+     "parse expdef : descript\n"},
+    "VORNRTA-I-EXPDEF:   Finished Processing <EXPDEF>\n",
+    true,
+};
+
+// A duration field as an int: like atoi, but a number too large for an int is clamped
+// instead of being undefined.
+int32_t duration_field(const char* text) {
+    long v = strtol(text, nullptr, 10);
+    if (v > INT32_MAX) return INT32_MAX;
+    if (v < INT32_MIN) return INT32_MIN;
+    return static_cast<int32_t>(v);
+}
+
+int32_t duration_seconds(int32_t hours, int32_t minutes) {
+    int64_t total = int64_t{hours} * 3600 + int64_t{minutes} * 60;
+    if (total > INT32_MAX) return INT32_MAX;
+    if (total < INT32_MIN) return INT32_MIN;
+    return static_cast<int32_t>(total);
+}
+
+// Limits and durations that are not numbers count as 0, as they always have; say so in the
+// log, since a rule with limit 0 usually fires at once.
+void warn_if_not_number(const char* field, const char* text, const char* exp_name) {
+    char* end = nullptr;
+    strtod(text, &end);
+    if (end != text) return;
+    rtdc_logf("VORNRTA-W-EXPDEF:    rule '%s': %s is not a number, taken as 0\n", exp_name, field);
+}
+
+// Splits one rule line into its fields. Every ':' separates and runs of ':' count as one, so
+// no field but the last can be empty. False (and a log line) when a field is missing.
+bool parse_rule_line(char* line, const char* owner, const RuleReader& reader, ExpdefFields& f) {
+    memset(&f, 0, sizeof f);
+    char* save = nullptr;
+    char* tok[7] = {};
+    for (int i = 0; i < 7; i++) {
+        if (verbose()) RTDCAppendLog(reader.field_msgs[i]);
+        tok[i] = strtok_r(i == 0 ? line : nullptr, ":", &save);
+        if (!tok[i] && i < 6) {
+            rtdc_logf("VORNRTA-W-EXPDEF:    rule line with %d of 6 fields ignored\n", i);
+            return false;
+        }
+    }
+    if (verbose()) RTDCAppendLog("parse expdef : doneparse\n");
+    copy_field(f.exp_name, tok[0]);
+    copy_field(f.name, tok[1]);
+    copy_field(f.condition, tok[2]);
+    copy_field(f.limit, tok[3]);
+    copy_field(f.hours, tok[4]);
+    copy_field(f.minutes, tok[5]);
+    copy_field(f.descript, tok[6]);  // optional; keeps the line's own newline
+    copy_field(f.owner, owner);
+    warn_if_not_number("limit", f.limit, f.exp_name);
+    warn_if_not_number("duration hours", f.hours, f.exp_name);
+    warn_if_not_number("duration minutes", f.minutes, f.exp_name);
+    return true;
+}
+
+void fill_rule(ExceptionObject* rule, const ExpdefFields& f, const char* name) {
+    copy_field(rule->exp_name, f.exp_name);
+    copy_field(rule->name, name);
+    copy_field(rule->condition, f.condition);
+    copy_field(rule->owner, f.owner);
+    copy_field(rule->descript, f.descript);
+    rule->hours = duration_field(f.hours);
+    rule->minutes = duration_field(f.minutes);
+    rule->duration = duration_seconds(rule->hours, rule->minutes);
+    rule->limit = atof(f.limit);
+    rule->seconds = 0;
+    rule->intervals = 0;
+    rule->active = 1;
+}
+
+// Caller holds tree_mutex. The walk of SearchDescription1: each level's description is the
+// full path up to it, tokens split at every '-' and '>'. The empty path is the root.
+treeNode* resolve_locked(const char* path) {
+    if (!Metric_Tree) return nullptr;
+    char work[512];
+    if (strlen(path) >= sizeof work) return nullptr;
+    snprintf(work, sizeof work, "%s", path);
+    char prefix[128] = "";
+    treeNode* current = Metric_Tree;
+    char* save = nullptr;
+    for (char* tok = strtok_r(work, "->", &save); tok; tok = strtok_r(nullptr, "->", &save)) {
+        char candidate[128];
+        snprintf(candidate, sizeof candidate, "%s%s", prefix, tok);
+        treeNode* found = nullptr;
+        if (!SearchChildren(candidate, current->child, &found) || !found) return nullptr;
+        current = found;
+        snprintf(prefix, sizeof prefix, "%s->", candidate);
+    }
+    return current;
+}
+
+// Resolves a path for binding and returns with tree_mutex held on success. SearchDescription1
+// decides; the node it hands back may be removed as soon as it has dropped tree_mutex, so the
+// path is walked again under our own hold before anything is read through it.
+treeNode* resolve_and_pin(const char* path, std::unique_lock<std::mutex>& tree_lock) {
+    if (path[0] != '\0') {
+        treeNode* node = nullptr;
+        if (!SearchDescription1(path, Metric_Tree, &node, 0) || !node) return nullptr;
+    }
+    tree_lock = std::unique_lock<std::mutex>(tree_mutex);
+    treeNode* node = resolve_locked(path);
+    if (!node || !node->data) {
+        tree_lock.unlock();
+        return nullptr;
+    }
+    return node;
+}
+
+// Caller holds expdef_mutex.
+bool append_rule(ExceptionObject* rule) {
+    if (!Expdef_list && !CreateList(&Expdef_list)) return false;
+    return AppendToList(&Expdef_list, rule) == 1;
+}
+
+// A rule on one named node. False when the request must be abandoned.
+bool bind_named_rule(const ExpdefFields& f) {
+    auto* rule = static_cast<ExceptionObject*>(calloc(1, sizeof(ExceptionObject)));
+    if (!rule) {
+        RTDCAppendLog("malloc failed on ExceptionObject\n");
+        return false;
+    }
+    if (verbose()) rtdc_logf("%-20s add  '%s' to expdef list\n", "VORNRTA-I-EXPDEF:", f.name);
+    fill_rule(rule, f, f.name);
+    std::unique_lock<std::mutex> tree_lock;
+    treeNode* node = resolve_and_pin(f.name, tree_lock);
+    if (!node) {
+        rtdc_logf(" Expdef Action : search for %s failed\n", f.name);
+        free(rule);
+        return false;
+    }
+    if (verbose())
+        rtdc_logf(" Expdef Action: search for  %s returned  %s \n", f.name,
+                  node->data->description);
+    rule->metric = node->data;
+    copy_field(rule->bound, node->data->description);
+    std::lock_guard<std::mutex> lock(expdef_mutex);
+    if (!append_rule(rule)) {
+        RTDCAppendLog("VORNRTA-E-MALLOC: AppendToList: failed\n");
+        free(rule);
+    }
+    return true;
+}
+
+// A "*" path: every leaf below each "*" gets its own rule. False when a prefix does not
+// resolve and the request must be abandoned.
+bool bind_star_rule(const ExpdefFields& f, bool bind) {
+    if (verbose()) rtdc_logf("VORNRTA-I-EXPDEF:   add %s (NOT leaf)\n", f.name);
+    char work[sizeof f.name];
+    copy_field(work, f.name);
+    char path[sizeof f.name] = "";
+    bool first = true;
+    char* save = nullptr;
+    for (char* tok = strtok_r(work, "->", &save); tok; tok = strtok_r(nullptr, "->", &save)) {
+        const bool star = strcmp(tok, "*") == 0;
+        if (!star) {
+            size_t len = strlen(path);
+            snprintf(path + len, sizeof path - len, "%s%s", first ? "" : "->", tok);
+        }
+        first = false;
+        if (!star) continue;
+        std::unique_lock<std::mutex> tree_lock;
+        treeNode* node = resolve_and_pin(path, tree_lock);
+        if (!node) {
+            rtdc_logf(" Expdef Action : search for %s failed\n", path);
+            return false;
+        }
+        // Holding tree_mutex already, so the unlocked walk; the visitor takes expdef_mutex.
+        if (bind) TraverseTree(node->child, Add_leave_nodes_to_list, const_cast<ExpdefFields*>(&f));
+    }
+    return true;
+}
+
+}  // namespace
+
+bool owner_matches(const char (&stored)[16], const char* owner) {
+    char cut[16];
+    copy_field(cut, owner);
+    return strcmp(stored, cut) == 0;
+}
+
+void remove_owner_rules(List* list, const char* owner) {
+    if (!list) return;
+    ListItem* item = list->first;
+    while (item) {
+        ListItem* next = item->next;
+        auto* rule = static_cast<ExceptionObject*>(item->data);
+        if (rule && owner_matches(rule->owner, owner)) {
+            RemoveItem(list, item);
+            free(rule);  // a rule's metric belongs to the tree
+        }
+        item = next;
+    }
+}
+
+void read_rules(FILE* stream, const char* owner, const RuleReader& reader) {
+    if (verbose()) RTDCAppendLog(reader.parse_list);
+    char line[512];
+    bool continuation = false;
+    while (fgets(line, sizeof line, stream)) {
+        const size_t len = strlen(line);
+        const bool complete = len > 0 && line[len - 1] == '\n';
+        // The tail of a line longer than the 511 characters a rule may have: its pieces are
+        // not rules of their own.
+        if (continuation) {
+            continuation = !complete;
+            continue;
+        }
+        if (verbose()) rtdc_logf("%s%s\n", reader.read_prefix, line);
+        if (strstr(line, reader.end_tag)) return;
+        if (!complete && !feof(stream)) {
+            RTDCAppendLog("VORNRTA-W-EXPDEF:    rule line longer than 511 characters ignored\n");
+            continuation = true;
+            continue;
+        }
+        ExpdefFields f;
+        if (!parse_rule_line(line, owner, reader, f)) continue;
+        const bool ok = strchr(f.name, '*') ? bind_star_rule(f, reader.bind_star)
+                                            : bind_named_rule(f);
+        if (!ok) return;  // the rest of the request stays unread
+    }
+    if (verbose()) RTDCAppendLog(reader.finished);
+}
+
+}  // namespace rtal
+
+void rtal_expdef_action(FILE* stream, const char* owner) {
+    char cut_owner[16];
+    rtal::copy_field(cut_owner, owner);
+    {
+        std::lock_guard<std::mutex> lock(expdef_mutex);
+        if (!Expdef_list) {
+            if (rtal::verbose()) RTDCAppendLog("VORNRTA-I-EXPDEF:    create expdef list...\n");
+            if (!CreateList(&Expdef_list))
+                RTDCAppendLog("VORNRTA-E-MALLOC: CreateList: failed\n");
+        } else {
+            if (rtal::verbose())
+                RTDCAppendLog(
+                    "VORNRTA-I-EXPDEF:    remove all entries from existing expdef list\n");
+            rtal::remove_owner_rules(Expdef_list, cut_owner);
+        }
+    }
+    rtal::read_rules(stream, cut_owner, rtal::kExpdefReader);
+}
+
+void Add_leave_nodes_to_list(treeNode* leaf, void* fields, void* /*unused*/) {
+    if (!leaf || !leaf->data || !fields) return;
+    const auto& f = *static_cast<const ExpdefFields*>(fields);
+    auto* rule = static_cast<ExceptionObject*>(calloc(1, sizeof(ExceptionObject)));
+    if (!rule) return;
+    rtal::fill_rule(rule, f, leaf->data->description);
+    rule->metric = leaf->data;
+    rtal::copy_field(rule->bound, leaf->data->description);
+    std::lock_guard<std::mutex> lock(expdef_mutex);
+    if (!rtal::append_rule(rule)) {
+        RTDCAppendLog("VORNRTA-E-FAIL:  Add exception definition failed \n");
+        free(rule);
+    }
+}
+
+int rtal_expdef_check_defs(int socket, int always) {
+    bool have;
+    {
+        std::lock_guard<std::mutex> lock(expdef_mutex);
+        have = Expdef_list && Expdef_list->first;
+    }
+    if (have && !always) return 1;
+    const char* tag;
+    if (have) {
+        rtdc_logf("%-18s send <OK_EXP>\n", "VORNRTA-I-TAG:");
+        tag = "<OK_EXP>\n";
+    } else {
+        rtdc_logf("%-18s send <GETEXP> for expection defs.\n", "VORNRTA-I-TAG:");
+        tag = "<GETEXP>\n";
+    }
+    if (!rtal::write_text(socket, tag)) {
+        rtdc_logf("%-18s <GETEXP> tag send failed: %s\n", "VORNRTA-I-TAGFAIL:", strerror(errno));
+        return -1;
+    }
+    return have ? 1 : 0;
+}
