@@ -39,6 +39,9 @@ ChildResult run_in_child(Fn fn, int timeout_ms = 10000) {
     fflush(stderr);
     pid_t pid = fork();
     if (pid == 0) {
+        // Its own process group: a signal sent to "the group" by code under test reaches
+        // only this child, never the test runner.
+        setpgid(0, 0);
         dup2(out_pipe[1], 1);
         dup2(err_pipe[1], 2);
         close(out_pipe[0]);
