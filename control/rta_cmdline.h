@@ -63,10 +63,12 @@ int unix_option_compare(const char* arg, const char* option, int minimum);
 void rta_print_usage();
 
 // Settings file and install paths (control/rta_settings.cpp).
+/// buffer holds at least 512 bytes (a path field of the record).
 int get_quorbex_root(char* buffer);
 int rta_parse_startup_file(RtaCmdline* record);
 int rta_write_settings_file(RtaCmdline* record);
 int rta_update_paths(RtaCmdline* record, const char* root);
+/// result holds at least 512 bytes.
 int rta_resolve_softlink(const char* path, char* result, int verbose);
 int rta_setup_install_paths(const char* program_name, RtaCmdline* record, int verbose);
 int LibTrim2(char* text);
