@@ -3,8 +3,3 @@
 // lands in its own file.
 #include "packet/rtdc_snapshot.h"
 
-int GetMetricClassInfo(char**, int*, char**, int*, int, int) { return 1; }
-int GetDiskClassInfo(char**, int*, char**, int*, int, int) { return 1; }
-int GetNetClassInfo(char**, int*, char**, int*, int, int) { return 1; }
-int GetFsStatClassInfo(char**, int*, char**, int*, int, int) { return 1; }
-int GetProcessClassInfo(char**, int*, char**, int*, int, int) { return 1; }

@@ -1,0 +1,25 @@
+// Disk class ("Disk"): one instance per block device, named by the device, with per-interval
+// operation and byte counts.
+#pragma once
+
+#include "collectors/rtdc_tables.h"
+#include "platform/disk.h"
+
+/// One disk's values: the current counters in a header pass, their growth since the last
+/// sample in a data pass.
+struct DiskState {
+    // Never filled: consoles identify a disk by its counter paths ("sda->Total Operations")
+    // and have always received the Name attribute empty.
+    char name[32];
+    platform::DiskIo io;
+};
+
+/// Fills one disk record: operations and bytes of the interval (not divided by its
+/// length), queue lengths; nothing below 0. Returns 1.
+int PerfDisk(const DiskState* state, DiskRecord* record);
+
+/// The record of a device announced by the last header pass (tests, alerting), or null.
+const DiskRecord* rtdc_disk_record(const char* device);
+
+/// Test hook: forget every device. Only while no metric tree refers to their records.
+void rtdc_disk_reset_for_tests();
