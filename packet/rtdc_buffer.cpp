@@ -1,0 +1,308 @@
+// Header and data lines. Every counter a class reports becomes a header line (what it is)
+// and, every scan, a data line (its value). Lines are kept as exact-size heap strings in the
+// two line arrays until the packet is built and the tick frees them.
+//
+// The lines are printf formats in the wire protocol's terms; they are assembled here by hand
+// into bounded buffers because a scan of a large host formats tens of thousands of them.
+#include "packet/rtdc_buffer.h"
+
+#include <charconv>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "agent/rtdc_globals.h"
+#include "agent/rtdc_log.h"
+
+char* rtdc_data_headers[kMaxLines];
+char* rtdc_data_buffers[kMaxLines];
+int n_rtdc_data_headers = 0, n_rtdc_data_buffers = 0;
+int n_rtdc_header_len = 0, n_rtdc_data_len = 0;
+
+namespace {
+
+constexpr size_t kHeaderLine = 256;         // one header line
+constexpr size_t kProcessHeaderLine = 2048; // one process header line
+constexpr size_t kDataString = 2048;        // all data lines of one class instance
+
+// Appends into a fixed buffer the way successive snprintf calls would: what does not fit is
+// cut, and the text stays NUL-terminated.
+class LineBuilder {
+public:
+    LineBuilder(char* buffer, size_t capacity) : begin_(buffer), p_(buffer), end_(buffer + capacity - 1) {
+        *p_ = '\0';
+    }
+
+    void put(const char* text, size_t n) {
+        size_t room = static_cast<size_t>(end_ - p_);
+        if (n > room) n = room;
+        memcpy(p_, text, n);
+        p_ += n;
+    }
+    void put(std::string_view s) { put(s.data(), s.size()); }
+    void put(char c) {
+        if (p_ < end_) *p_++ = c;
+    }
+    // A fixed-width text field: stops at its NUL or at the field's end.
+    void put_field(const char* field, size_t width) { put(field, strnlen(field, width)); }
+    void put_int(long long v) {
+        char tmp[24];
+        auto r = std::to_chars(tmp, tmp + sizeof tmp, v);
+        put(tmp, static_cast<size_t>(r.ptr - tmp));
+    }
+    void put_hex8(uint32_t v) {  // "%08X"
+        static constexpr char digits[] = "0123456789ABCDEF";
+        char tmp[8];
+        for (int i = 7; i >= 0; --i, v >>= 4) tmp[i] = digits[v & 0xF];
+        put(tmp, 8);
+    }
+    void put_fixed2(double v) {  // "%.2f", rounded exactly as printf rounds
+        char tmp[400];
+        auto r = std::to_chars(tmp, tmp + sizeof tmp, v, std::chars_format::fixed, 2);
+        if (r.ec == std::errc()) {
+            put(tmp, static_cast<size_t>(r.ptr - tmp));
+        } else {
+            int n = snprintf(tmp, sizeof tmp, "%.2f", v);
+            if (n > 0) put(tmp, static_cast<size_t>(n) < sizeof tmp ? n : sizeof tmp - 1);
+        }
+    }
+    void put_g(double v) {  // "%g"
+        char tmp[64];
+        int n = snprintf(tmp, sizeof tmp, "%g", v);
+        if (n > 0) put(tmp, static_cast<size_t>(n) < sizeof tmp ? n : sizeof tmp - 1);
+    }
+
+    size_t size() const { return static_cast<size_t>(p_ - begin_); }
+    const char* finish() {
+        *p_ = '\0';
+        return begin_;
+    }
+
+private:
+    char* begin_;
+    char* p_;
+    char* end_;
+};
+
+// Values are read at record start plus the row's offset, with the width the type gives.
+template <typename T>
+T value_at(const void* record, int32_t offset) {
+    T v;
+    memcpy(&v, static_cast<const char*>(record) + offset, sizeof v);
+    return v;
+}
+
+const char* text_at(const void* record, int32_t offset) {
+    return static_cast<const char*>(record) + offset;
+}
+
+// Stores a copy of exactly length + 1 bytes as the next entry. False when the array is
+// full or memory ran out; the line is then dropped.
+bool store_line(char** lines, int* count, int* total_len, const char* text, size_t len) {
+    if (*count < 0 || *count >= kMaxLines) return false;
+    auto* copy = static_cast<char*>(malloc(len + 1));
+    if (!copy) return false;
+    memcpy(copy, text, len);
+    copy[len] = '\0';
+    lines[(*count)++] = copy;
+    *total_len += static_cast<int>(len + 1);
+    return true;
+}
+
+// "::%d::%s::%d,%s,%d": id, description, marker, units, is_counter.
+void put_row_fields(LineBuilder& line, const CounterDef& row) {
+    line.put("::");
+    line.put_int(row.id);
+    line.put("::");
+    line.put_field(row.description, sizeof row.description);
+    line.put("::");
+    line.put_int(row.marker);
+    line.put(',');
+    line.put_field(row.units, sizeof row.units);
+    line.put(',');
+    line.put_int(row.is_counter);
+}
+
+std::string_view separator_for(const CounterDef& row) {
+    return row.marker ? std::string_view("~^1~^->") : std::string_view("->");
+}
+
+// The ",value" suffix of an attribute row in an ordinary header line; false when the type
+// carries no header value.
+bool put_header_value(LineBuilder& line, const CounterDef& row, const void* record) {
+    switch (row.type) {
+    case 10:
+    case 15:
+        line.put(',');
+        line.put_int(value_at<int32_t>(record, row.offset));
+        return true;
+    case 11:
+    case 16:
+        line.put(',');
+        line.put(text_at(record, row.offset), strlen(text_at(record, row.offset)));
+        return true;
+    case 12:
+    case 17:
+        line.put(',');
+        line.put_hex8(value_at<uint32_t>(record, row.offset));
+        return true;
+    case 13:
+    case 18:
+        line.put(',');
+        line.put_g(value_at<double>(record, row.offset));
+        return true;
+    default:
+        return false;
+    }
+}
+
+// The same for process header lines, which also know 64-bit values (type 20) and read the
+// hexadecimal types as 64 bits.
+bool put_process_header_value(LineBuilder& line, const CounterDef& row, const void* record) {
+    switch (row.type) {
+    case 12:
+    case 17:
+        line.put(',');
+        line.put_hex8(static_cast<uint32_t>(value_at<uint64_t>(record, row.offset)));
+        return true;
+    case 20:
+        line.put(',');
+        line.put_int(value_at<int64_t>(record, row.offset));
+        return true;
+    default:
+        return put_header_value(line, row, record);
+    }
+}
+
+}  // namespace
+
+int rtdc_buffer_headers(char** headers, int* count, const void* data_record, CounterDef* table,
+                        const char* class_prefix) {
+    rtdc_FillIds(table);
+    int added = 0;
+    const std::string_view prefix = class_prefix ? class_prefix : "";
+    for (const CounterDef* row = table; row && row->id != 0; ++row) {
+        if (row->is_counter != 0 && row->is_counter != 1) continue;
+        char buffer[kHeaderLine];
+        LineBuilder line(buffer, sizeof buffer);
+        line.put(prefix);
+        line.put(separator_for(*row));
+        line.put_field(row->name, sizeof row->name);
+        put_row_fields(line, *row);
+        // An attribute row whose type has no header value gives no line at all.
+        if (row->is_counter == 0 && !put_header_value(line, *row, data_record)) continue;
+        line.put('\n');
+        const char* text = line.finish();
+        if (store_line(headers, count, &n_rtdc_header_len, text, line.size())) ++added;
+    }
+    return added;
+}
+
+int rtdc_buffer_process_headers(char** headers, int* count, CounterDef* table,
+                                const void* data_record, long pid, const char* process_name) {
+    if (exit_recieved.load(std::memory_order_relaxed) == 1) return 0;
+    rtdc_ProcessFillIds(table, pid);
+    char pid_text[24];
+    auto r = std::to_chars(pid_text, pid_text + sizeof pid_text, pid);
+    const std::string_view pid_view(pid_text, static_cast<size_t>(r.ptr - pid_text));
+    const std::string_view name = process_name ? process_name : "";
+    for (const CounterDef* row = table; row && row->id != 0; ++row) {
+        char buffer[kProcessHeaderLine];
+        LineBuilder line(buffer, sizeof buffer);
+        bool made = false;
+        if (row->is_counter == 0 || row->is_counter == 1) {
+            line.put("Process");
+            line.put(separator_for(*row));
+            line.put(name);
+            line.put("  (");
+            line.put(pid_view);
+            line.put(")->");
+            line.put_field(row->name, sizeof row->name);
+            put_row_fields(line, *row);
+            made = row->is_counter == 1 || put_process_header_value(line, *row, data_record);
+            line.put('\n');
+        }
+        // Consoles count process header entries, so a row that makes no line still takes
+        // one entry: an empty string.
+        if (!made) line = LineBuilder(buffer, sizeof buffer);
+        const char* text = line.finish();
+        store_line(headers, count, &n_rtdc_header_len, text, line.size());
+    }
+    return 1;
+}
+
+int rtdc_buffer_data(char** buffers, int* count, const void* data_record, const CounterDef* table) {
+    char buffer[kDataString];
+    LineBuilder line(buffer, sizeof buffer);
+    int index = 0;
+    for (const CounterDef* row = table; row && row->id != 0; ++row, ++index) {
+        const int32_t type = row->type;
+        if (type >= 10 && type <= 14) continue;  // header-only attributes
+        switch (type) {
+        case 1:
+        case 9:
+        case 15:
+        case 2:
+        case 3:
+        case 16:
+        case 4:
+        case 18:
+        case 6:
+        case 7:
+        case 8:
+        case 17:
+            break;
+        default:
+            rtdc_logf("Unknown type in meta data %d, m[%d].id = %d\n", type, index, row->id);
+            continue;
+        }
+        line.put_int(row->id);
+        line.put('=');
+        switch (type) {
+        case 1:
+        case 15:
+            line.put_int(value_at<int32_t>(data_record, row->offset));
+            break;
+        case 9:
+            line.put_int(value_at<int16_t>(data_record, row->offset));
+            break;
+        case 2:
+        case 6:
+            line.put_int(value_at<int64_t>(data_record, row->offset));
+            break;
+        case 3:
+        case 16: {
+            const char* text = text_at(data_record, row->offset);
+            line.put(text, strlen(text));
+            break;
+        }
+        case 4:
+        case 18:
+            line.put_fixed2(value_at<double>(data_record, row->offset));
+            break;
+        case 7:
+            line.put_fixed2(static_cast<double>(value_at<float>(data_record, row->offset)));
+            break;
+        default:  // 8 and 17: a 64-bit value, its low 32 bits printed
+            line.put_hex8(static_cast<uint32_t>(value_at<uint64_t>(data_record, row->offset)));
+            break;
+        }
+        line.put('\n');
+    }
+    const char* text = line.finish();
+    if (!store_line(buffers, count, &n_rtdc_data_len, text, line.size())) return 0;
+    return static_cast<int>(line.size() + 1);
+}
+
+void rtdc_free_lines(char** lines, int* count, int* total_len) {
+    int n = *count;
+    if (n > kMaxLines) n = kMaxLines;
+    for (int i = 0; i < n; ++i) {
+        free(lines[i]);
+        lines[i] = nullptr;
+    }
+    *count = 0;
+    *total_len = 0;
+}
