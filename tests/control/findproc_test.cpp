@@ -96,33 +96,29 @@ std::string unique_name(const char* prefix) { return prefix + std::to_string(get
 }  // namespace
 
 TEST(FindProc, FixtureTree) {
-    // findproc: the recorded pid, our namespace, short name within the given name.
-    EXPECT_EQ(lookup(kFixture, [] { return findproc("vornrta", 100, 0); }), 1);
-    EXPECT_EQ(lookup(kFixture, [] { return findproc("vornrta", 200, 0); }), 1);  // "vorn" is part of it
-    EXPECT_EQ(lookup(kFixture, [] { return findproc("vorn", 100, 0); }), 0);
-    EXPECT_EQ(lookup(kFixture, [] { return findproc("vornrta", 400, 0); }), 0);  // other namespace
-    EXPECT_EQ(lookup(kFixture, [] { return findproc("vornrta", 1, 0); }), 0);
-    EXPECT_EQ(lookup(kFixture, [] { return findproc("vornrta", 500, 0); }), 0);  // no name in record
-    EXPECT_EQ(lookup(kFixture, [] { return findproc("vornrta", 700, 0); }), 0);  // empty record
-    EXPECT_EQ(lookup(kFixture, [] { return findproc("vornrta", 999, 0); }), 0);  // only "net" says 999
-    EXPECT_EQ(lookup(kFixture, [] { return findproc("vornrta", 12345, 0); }), 0);
-    EXPECT_EQ(lookup(kFixture, [] { return findproc("<my (odd) name>", 300, 0); }), 1);
-    // The record's pid counts, not the directory's name.
-    EXPECT_EQ(lookup(kFixture, [] { return findproc("mover", 601, 0); }), 1);
-    EXPECT_EQ(lookup(kFixture, [] { return findproc("mover", 600, 0); }), 0);
-
-    // find_process_by_name: equal names, own pid excluded, other namespaces never.
-    EXPECT_EQ(lookup(kFixture, [] { return find_process_by_name("vornrta", 0, 0); }), 100);
-    EXPECT_EQ(lookup(kFixture, [] { return find_process_by_name("vornrta", 100, 0); }), 0);
-    EXPECT_EQ(lookup(kFixture, [] { return find_process_by_name("vorn", 0, 0); }), 200);
-    EXPECT_EQ(lookup(kFixture, [] { return find_process_by_name("vornrt", 0, 0); }), 0);
-    EXPECT_EQ(lookup(kFixture, [] { return find_process_by_name("my (odd) name", 0, 0); }), 300);
-    EXPECT_EQ(lookup(kFixture, [] { return findproc_nopid("vornrta", 0); }), 100);
-    EXPECT_EQ(lookup(kFixture, [] { return findproc_nopid("systemd", 0); }), 1);
-
-    // No /proc at all.
-    EXPECT_EQ(lookup(kFixture + "/absent", [] { return findproc("vornrta", 100, 0); }), -1);
-    EXPECT_EQ(lookup(kFixture + "/absent", [] { return find_process_by_name("vornrta", 0, 0); }), 0);
+    // One child runs every lookup; each result goes out as "<result> ".
+    ChildResult c = run_in_child([] {
+        use_proc_root(kFixture);
+        int results[] = {
+            // findproc: the recorded pid, our namespace, short name within the given name.
+            findproc("vornrta", 100, 0), findproc("vornrta", 200, 0) /* "vorn" is part of it */,
+            findproc("vorn", 100, 0), findproc("vornrta", 400, 0) /* other namespace */,
+            findproc("vornrta", 1, 0), findproc("vornrta", 500, 0) /* no name in the record */,
+            findproc("vornrta", 700, 0) /* empty record */, findproc("vornrta", 999, 0) /* only "net" */,
+            findproc("<my (odd) name>", 300, 0),
+            // The record's pid counts, not the directory's name.
+            findproc("mover", 601, 0), findproc("mover", 600, 0),
+            // By name: equal names, own pid excluded, other namespaces never.
+            find_process_by_name("vornrta", 0, 0), find_process_by_name("vornrta", 100, 0),
+            find_process_by_name("vorn", 0, 0), find_process_by_name("vornrt", 0, 0),
+            find_process_by_name("my (odd) name", 0, 0), findproc_nopid("vornrta", 0),
+        };
+        for (int r : results) printf("%d ", r);
+        use_proc_root(kFixture + "/absent");
+        printf("%d %d", findproc("vornrta", 100, 0), find_process_by_name("vornrta", 0, 0));
+        return 0;
+    });
+    EXPECT_EQ(c.out, "1 1 0 0 0 0 0 0 1 1 0 100 0 200 0 300 100 -1 0");
 }
 
 TEST(FindProc, UnreadableEntriesMeanNoPrivilege) {
