@@ -1,0 +1,224 @@
+// The table of known processes and the removal of a dead process from the metric tree.
+#include "collectors/rtdc_proclist.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "agent/rtdc_globals.h"
+#include "agent/rtdc_log.h"
+#include "alerts/rtal_expdef.h"
+#include "alerts/rtal_tree.h"
+#include "packet/rtdc_buffer.h"
+
+List* proc_list[kProcBuckets];
+int ResetForMaxProcesses = 0;
+
+namespace {
+
+// One allocation per process: the bucket item followed by its record.
+struct ProcSlot {
+    ProcListItem item;
+    ProcessInfo info;
+};
+static_assert(offsetof(ProcSlot, item) == 0, "list data must be the start of the block");
+
+// The node "Process-><name>" below the "Process" class node. Looked up level by level with
+// exact comparison: the path search splits at every '-' and '>', and process names often
+// hold them ("systemd-journal", "kworker/0:1-events").
+treeNode* find_process_node(const char* name) {
+    std::lock_guard<std::mutex> lock(tree_mutex);
+    if (!Metric_Tree) return nullptr;
+    treeNode* klass = SearchInChilds("Process", Metric_Tree->child);
+    if (!klass) return nullptr;
+    char path[128];
+    snprintf(path, sizeof path, "Process->%s", name);
+    return SearchInChilds(path, klass->child);
+}
+
+// Removes the instance of `pid` from a counter leaf. The instance is plain malloc'd data
+// that the list does not free on removal.
+void remove_pid_instance(MetricDescription* md, int pid) {
+    std::lock_guard<std::mutex> lock(tree_mutex);
+    if (!md->instances) return;
+    for (ListItem* it = md->instances->first; it; it = it->next) {
+        auto* inst = static_cast<MetricInstance*>(it->data);
+        if (inst && atoi(inst->name) == pid) {
+            RemoveFromList(md->instances, inst);
+            free(inst);
+            return;
+        }
+    }
+}
+
+// Closes every rule on a counter that has lost its last instance: the statistics gathered
+// so far go out as an alert at once, and the rule goes, since its counter is about to.
+void close_rules_on(MetricDescription* md) {
+    std::lock_guard<std::mutex> lock(expdef_mutex);
+    if (!Expdef_list) return;
+    ListItem* it = Expdef_list->first;
+    while (it) {
+        ListItem* next = it->next;
+        auto* rule = static_cast<ExceptionObject*>(it->data);
+        if (rule && strcmp(rule->name, md->description) == 0) {
+            rule->raised = rtal_now();
+            if (rule->intervals == 0) rule->intervals = 1;
+            rule->ave = rule->sum / static_cast<double>(rule->intervals);
+            // The rule may still point at an earlier node of this path (freed when another
+            // process of the name went); the alert copies its description from here.
+            rule->metric = md;
+            ExceptionObject* alert = nullptr;
+            if (AllocateExceptionObject(rule, &alert)) {
+                std::lock_guard<std::mutex> alerts(alert_mutex);
+                if (!Alert_list) CreateList(&Alert_list);
+                if (!Alert_list || AppendToList(&Alert_list, alert) != 1) {
+                    RTDCAppendLog("VORNRTA-E-LIST: Failed to append to alert list\n");
+                    rtal_free_alert(alert);
+                }
+            } else {
+                rtal_free_alert(alert);
+            }
+            RemoveItem(Expdef_list, it);
+            free(rule);
+        }
+        it = next;
+    }
+}
+
+}  // namespace
+
+int GetIndex(int pid) { return pid % kProcBuckets; }
+
+void GetFromProcList(List* list, int pid, ProcListItem** item_out) {
+    *item_out = nullptr;
+    if (!list) return;
+    for (ListItem* it = list->first; it; it = it->next) {
+        auto* item = static_cast<ProcListItem*>(it->data);
+        if (item && item->info && item->info->record.pid == pid) {
+            *item_out = item;
+            return;
+        }
+    }
+}
+
+void NullifyList() {
+    for (List* list : proc_list) {
+        if (!list) continue;
+        for (ListItem* it = list->first; it; it = it->next)
+            if (auto* item = static_cast<ProcListItem*>(it->data)) item->seen = 0;
+    }
+    ResetForMaxProcesses = 1;
+}
+
+int GenProcessHeader(char** headers, int* count) {
+    const int rows = PROC_FIELDS() - 1;
+    for (List* list : proc_list) {
+        if (!list) continue;
+        for (ListItem* it = list->first; it; it = it->next) {
+            auto* item = static_cast<ProcListItem*>(it->data);
+            if (!item || !item->info) continue;
+            // A process whose lines would not all fit is left out whole, so the console
+            // never sees half a process.
+            if (*count + rows > kMaxLines) return 1;
+            rtdc_buffer_process_headers(headers, count, ProcessCounters, &item->info->record,
+                                        item->info->record.pid, item->info->name);
+        }
+    }
+    return 1;
+}
+
+void deleteProcessList() {
+    for (List*& list : proc_list) {
+        if (!list) continue;
+        for (ListItem* it = list->first; it; it = it->next) {
+            auto* item = static_cast<ProcListItem*>(it->data);
+            if (item && item->info && item->info->in_tree) {
+                RemoveProcessFromTree(item->info->name, item->info->record.pid, 0);
+                item->info->in_tree = 0;
+            }
+        }
+        DestroyList(list);
+        list = nullptr;
+    }
+}
+
+void dumpprocesslist() {
+    for (List* list : proc_list) {
+        if (!list) continue;
+        for (ListItem* it = list->first; it; it = it->next) {
+            auto* item = static_cast<ProcListItem*>(it->data);
+            if (item && item->info) printf("process = %d: %s \n", item->info->record.pid, item->info->name);
+        }
+    }
+}
+
+void RemoveProcessFromTree(const char* name, int pid, int) {
+    if (!name || !*name) {
+        rtdc_logf("NULL name passed to remove process node: pid = %d\n", pid);
+        return;
+    }
+    treeNode* node = find_process_node(name);
+    if (!node) return;
+    if (!node->child) {
+        RemoveNode(node);
+        return;
+    }
+    // Only this thread adds or removes process nodes, so the children stay put between
+    // the locked steps below.
+    for (treeNode* child = node->child; child; child = child->next) {
+        if (!child->data) {
+            RTDCAppendLog("Child description NULL in Remove process\n");
+            continue;
+        }
+        remove_pid_instance(child->data, pid);
+        if (GetListCount(child->data->instances) == 0) close_rules_on(child->data);
+    }
+    RemoveNode(node);
+}
+
+ProcListItem* AddToProcList(int pid) {
+    auto* slot = static_cast<ProcSlot*>(calloc(1, sizeof(ProcSlot)));
+    if (!slot) return nullptr;
+    slot->item.info = &slot->info;
+    slot->info.record.pid = pid;
+    List*& bucket = proc_list[GetIndex(pid)];
+    if ((!bucket && !CreateList(&bucket)) || AppendToList(&bucket, &slot->item) != 1) {
+        free(slot);
+        return nullptr;
+    }
+    return &slot->item;
+}
+
+void RemoveFromProcList(ProcListItem* item) {
+    if (!item || !item->info) return;
+    List* bucket = proc_list[GetIndex(item->info->record.pid)];
+    if (bucket) RemoveFromList(bucket, item);
+    free(item);  // the record lives in the same block
+}
+
+int SweepUnseen(void (*on_gone)(ProcessInfo* info, void* arg), void* arg) {
+    int removed = 0;
+    for (List* list : proc_list) {
+        if (!list) continue;
+        ListItem* it = list->first;
+        while (it) {
+            ListItem* next = it->next;
+            auto* item = static_cast<ProcListItem*>(it->data);
+            if (item && !item->seen) {
+                if (on_gone && item->info) on_gone(item->info, arg);
+                RemoveItem(list, it);
+                free(item);
+                ++removed;
+            }
+            it = next;
+        }
+    }
+    return removed;
+}
+
+int ProcListCount() {
+    int n = 0;
+    for (List* list : proc_list) n += GetListCount(list);
+    return n;
+}
