@@ -76,6 +76,11 @@ int fake_query(const char* dir, FsUsage* out) {
 }  // namespace
 
 TEST(FsUsageQuery, HungMountIsSkippedUntilItAnswers) {
+    {
+        std::lock_guard lock(hang_mutex);
+        hang_released = false;
+    }
+    hung_calls = 0;
     set_fs_usage_for_tests(fake_query);
     FsUsage usage;
 
