@@ -211,23 +211,6 @@ TEST_F(FsClass, UnreadableMountTable) {
     EXPECT_TRUE(lines.data.empty());
 }
 
-TEST(PerfFsFigures, UsedAndPercentage) {
-    FsRecord record{};
-    platform::FsUsage usage{200, 50, 40, 4096};
-    PerfFs(&usage, &record);
-    EXPECT_EQ(record.total_blocks, 200);
-    EXPECT_EQ(record.used_blocks, 150);
-    EXPECT_EQ(record.avail_blocks, 40);
-    EXPECT_DOUBLE_EQ(record.pct_used, 80.0);  // reserved blocks count as used
-    usage = {200, 200, 200, 4096};            // empty file system
-    PerfFs(&usage, &record);
-    EXPECT_EQ(record.pct_used, 0);
-    usage = {10, 20, 5, 4096};  // free above total (a racing update): never negative
-    PerfFs(&usage, &record);
-    EXPECT_EQ(record.used_blocks, 0);
-    EXPECT_EQ(record.pct_used, 0);
-}
-
 // ---- live: what the class reports is what statvfs says ----
 
 class LiveFs : public CollectorTest {

@@ -16,7 +16,6 @@
 
 #include "collectors/rtdc_metric.h"
 #include "collectors/rtdc_net.h"
-#include "collectors/rtdc_rate.h"
 #include "support/collector_harness.h"
 
 using namespace vorntest;
@@ -59,21 +58,6 @@ protected:
     std::vector<std::string> headers;
     std::map<std::string, std::string> values1, values2;
 };
-
-TEST(CounterPolicy, BackwardStepsAndStillClocks) {
-    EXPECT_EQ(rtdc_counter_delta(10, 4), 6u);
-    EXPECT_EQ(rtdc_counter_delta(4, 10), 0u);  // restarted counter: no huge figure
-    EXPECT_EQ(rtdc_counter_delta(UINT64_MAX, 0), UINT64_MAX);
-    EXPECT_EQ(rtdc_per_second(10, 0), 0.0);
-    EXPECT_EQ(rtdc_per_second_ll(5, 2.0), 3);  // 2.5 rounds up
-    EXPECT_EQ(rtdc_per_second_ll(UINT64_MAX, 1e-9), INT64_MAX);
-    RtdcInterval interval;
-    EXPECT_EQ(interval.elapsed(50), 50);  // the first interval runs from boot
-    interval.advance(50);
-    EXPECT_EQ(interval.elapsed(50), 0);
-    EXPECT_EQ(interval.elapsed(49), 0);
-    EXPECT_EQ(interval.elapsed(52.5), 2.5);
-}
 
 TEST_F(RateClasses, MemoryOnCapturedHost) {
     expect_golden("memory-captured.txt", two_snapshots(GetMetricClassInfo, "captured-1", "captured-2"));
