@@ -79,7 +79,9 @@ platform::DiskIo growth(const platform::DiskIo& now, const platform::DiskIo& bef
     return d;
 }
 
-int32_t clamp32(uint64_t v) { return v > INT32_MAX ? INT32_MAX : static_cast<int32_t>(v); }
+int32_t clamp32(uint64_t v) {
+    return v > INT32_MAX ? INT32_MAX : static_cast<int32_t>(v);
+}
 }  // namespace
 
 int PerfDisk(const DiskState* state, DiskRecord* record) {
@@ -111,7 +113,8 @@ int GetDiskClassInfo(char** headers, int* nheaders, char** buffers, int* nbuffer
     for (DiskInstance* d : listed) {
         if (header_flag == 1) {
             PerfDisk(&d->state, &d->record);  // totals since boot
-            if (start_rtdc == 1) rtdc_buffer_headers(headers, nheaders, &d->record, d->table, kClass);
+            if (start_rtdc == 1)
+                rtdc_buffer_headers(headers, nheaders, &d->record, d->table, kClass);
             if (counter_added == 0) AddCounter(kClass, d->table, &d->record, Metric_Tree);
         } else {
             // A device gone since the header pass did nothing in this interval.

@@ -127,7 +127,8 @@ int GenerateFsHeader(char** headers, int* nheaders) {
     for (ListItem* item = fs_list->first; item; item = item->next) {
         auto* node = static_cast<FsNode*>(item->data);
         // The record, not the node, is what the table's offsets describe.
-        if (start_rtdc == 1) rtdc_buffer_headers(headers, nheaders, node->record, node->table, whois);
+        if (start_rtdc == 1)
+            rtdc_buffer_headers(headers, nheaders, node->record, node->table, whois);
         AddCounter(whois, node->table, node->record, Metric_Tree);
     }
     return 1;

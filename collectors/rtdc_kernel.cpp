@@ -54,11 +54,21 @@ int GetKData(uint64_t address, void* buffer, int length) {
     return n < 0 ? -1 : static_cast<int>(n);
 }
 
-uint64_t GetKAddr(uint64_t address) { return read_scalar<uint64_t>(address); }
-int64_t GetKLong(uint64_t address) { return read_scalar<int64_t>(address); }
-int32_t GetKInt(uint64_t address) { return read_scalar<int32_t>(address); }
-int16_t GetKShort(uint64_t address) { return read_scalar<int16_t>(address); }
-uint8_t GetKByte(uint64_t address) { return read_scalar<uint8_t>(address); }
+uint64_t GetKAddr(uint64_t address) {
+    return read_scalar<uint64_t>(address);
+}
+int64_t GetKLong(uint64_t address) {
+    return read_scalar<int64_t>(address);
+}
+int32_t GetKInt(uint64_t address) {
+    return read_scalar<int32_t>(address);
+}
+int16_t GetKShort(uint64_t address) {
+    return read_scalar<int16_t>(address);
+}
+uint8_t GetKByte(uint64_t address) {
+    return read_scalar<uint8_t>(address);
+}
 
 char* GetKString(uint64_t address) {
     int n = GetKData(address, string_buffer, sizeof string_buffer - 1);

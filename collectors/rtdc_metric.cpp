@@ -72,7 +72,8 @@ int GetMetricClassInfo(char** headers, int* nheaders, char** buffers, int* nbuff
         PerfMetric(&sample, &rtdc_metric_record);
         if (start_rtdc == 1)
             rtdc_buffer_headers(headers, nheaders, &rtdc_metric_record, MetricCounters, kClass);
-        if (counter_added == 0) AddCounter(kClass, MetricCounters, &rtdc_metric_record, Metric_Tree);
+        if (counter_added == 0)
+            AddCounter(kClass, MetricCounters, &rtdc_metric_record, Metric_Tree);
         return 1;
     }
 

@@ -20,13 +20,37 @@ constexpr const char* kClass = "Network";
 
 // Rows of NetCounters, in table order (row k's value is value[k]).
 enum Row {
-    kTcpSent, kTcpReceived, kTcpBytesSent, kTcpBytesReceived,
-    kSentData, kSentAck, kSentUrg, kSentRetrans,
-    kRecvInOrder, kRecvOutOfOrder, kRecvDuplicate, kRecvAck, kRecvDupAck,
-    kConnections, kActive, kPassive, kAttemptFail, kEstabReset,
-    kUdpSent, kUdpReceived,
-    kIpSent, kIpReceived, kIpOutRequests, kIpOutDiscards, kIpDelivered, kIpInDiscards,
-    kIpUnknownProto, kIpForwarded, kIpAddrErrors, kIpHdrErrors, kIpOther,
+    kTcpSent,
+    kTcpReceived,
+    kTcpBytesSent,
+    kTcpBytesReceived,
+    kSentData,
+    kSentAck,
+    kSentUrg,
+    kSentRetrans,
+    kRecvInOrder,
+    kRecvOutOfOrder,
+    kRecvDuplicate,
+    kRecvAck,
+    kRecvDupAck,
+    kConnections,
+    kActive,
+    kPassive,
+    kAttemptFail,
+    kEstabReset,
+    kUdpSent,
+    kUdpReceived,
+    kIpSent,
+    kIpReceived,
+    kIpOutRequests,
+    kIpOutDiscards,
+    kIpDelivered,
+    kIpInDiscards,
+    kIpUnknownProto,
+    kIpForwarded,
+    kIpAddrErrors,
+    kIpHdrErrors,
+    kIpOther,
     kRows
 };
 static_assert(kRows == 31, "one value per live row of NetCounters");
@@ -42,14 +66,14 @@ platform::NetProtoCounters growth(const platform::NetProtoCounters& now,
         d.*field = rtdc_counter_delta(now.*field, before.*field);
     };
     using N = platform::NetProtoCounters;
-    for (auto field : {&N::tcp_out_segs, &N::tcp_in_segs, &N::tcp_retrans_segs,
-                       &N::tcp_active_opens, &N::tcp_passive_opens, &N::tcp_attempt_fails,
-                       &N::tcp_estab_resets, &N::tcp_in_order, &N::tcp_out_of_order,
-                       &N::tcp_dup_received, &N::tcp_acks_received, &N::ip_out_requests,
-                       &N::ip_in_receives, &N::ip_out_discards, &N::ip_in_delivers,
-                       &N::ip_in_discards, &N::ip_in_unknown_protos, &N::ip_forw_datagrams,
-                       &N::ip_in_addr_errors, &N::ip_in_hdr_errors, &N::ip_in_octets,
-                       &N::ip_out_octets, &N::udp_out_datagrams, &N::udp_in_datagrams})
+    for (auto field : {&N::tcp_out_segs,      &N::tcp_in_segs,          &N::tcp_retrans_segs,
+                       &N::tcp_active_opens,  &N::tcp_passive_opens,    &N::tcp_attempt_fails,
+                       &N::tcp_estab_resets,  &N::tcp_in_order,         &N::tcp_out_of_order,
+                       &N::tcp_dup_received,  &N::tcp_acks_received,    &N::ip_out_requests,
+                       &N::ip_in_receives,    &N::ip_out_discards,      &N::ip_in_delivers,
+                       &N::ip_in_discards,    &N::ip_in_unknown_protos, &N::ip_forw_datagrams,
+                       &N::ip_in_addr_errors, &N::ip_in_hdr_errors,     &N::ip_in_octets,
+                       &N::ip_out_octets,     &N::udp_out_datagrams,    &N::udp_in_datagrams})
         delta(field);
     d.tcp_curr_estab = now.tcp_curr_estab;  // a level, reported as it stands
     return d;
@@ -75,7 +99,8 @@ int PerfNet(const platform::NetProtoCounters* delta, double seconds, NetRecord* 
     v[kRecvDuplicate] = rate(d.tcp_dup_received);
     v[kRecvAck] = rate(d.tcp_acks_received);
     v[kRecvDupAck] = 0;
-    v[kConnections] = d.tcp_curr_estab > INT64_MAX ? INT64_MAX : static_cast<int64_t>(d.tcp_curr_estab);
+    v[kConnections] =
+        d.tcp_curr_estab > INT64_MAX ? INT64_MAX : static_cast<int64_t>(d.tcp_curr_estab);
     v[kActive] = rate(d.tcp_active_opens);
     v[kPassive] = rate(d.tcp_passive_opens);
     v[kAttemptFail] = rate(d.tcp_attempt_fails);

@@ -27,13 +27,13 @@ inline int64_t rtdc_per_second_ll(uint64_t delta, double seconds) {
 /// (platform::seconds_since_boot). The baseline starts at boot with every counter at 0, so
 /// the first figures are averages since boot.
 class RtdcInterval {
-public:
+  public:
     /// Seconds since the baseline; 0 when the clock has not moved, in which case the caller
     /// keeps its previous figures and leaves the baseline where it is.
     double elapsed(double now) const { return now > last_ ? now - last_ : 0.0; }
     void advance(double now) { last_ = now; }
     void reset() { last_ = 0.0; }
 
-private:
+  private:
     double last_ = 0.0;
 };

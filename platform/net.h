@@ -18,10 +18,10 @@ struct NetProtoCounters {
     uint64_t tcp_estab_resets = 0;
     uint64_t tcp_curr_estab = 0;  // connections open now: a level, not a counter
     // TCP extensions
-    uint64_t tcp_in_order = 0;        // segments taken by the fast path in sequence
-    uint64_t tcp_out_of_order = 0;    // segments queued out of order
-    uint64_t tcp_dup_received = 0;    // duplicate segments received (reported back as DSACK)
-    uint64_t tcp_acks_received = 0;   // pure and fast-path ACKs received
+    uint64_t tcp_in_order = 0;       // segments taken by the fast path in sequence
+    uint64_t tcp_out_of_order = 0;   // segments queued out of order
+    uint64_t tcp_dup_received = 0;   // duplicate segments received (reported back as DSACK)
+    uint64_t tcp_acks_received = 0;  // pure and fast-path ACKs received
     // IP
     uint64_t ip_out_requests = 0;
     uint64_t ip_in_receives = 0;

@@ -17,6 +17,8 @@ double seconds_since_boot() {
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 
-void set_clock_for_tests(double (*clock)()) { test_clock.store(clock, std::memory_order_relaxed); }
+void set_clock_for_tests(double (*clock)()) {
+    test_clock.store(clock, std::memory_order_relaxed);
+}
 
 }  // namespace platform

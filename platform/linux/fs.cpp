@@ -96,8 +96,8 @@ void worker_loop(std::shared_ptr<Worker> w) {
     }
 }
 
-std::mutex callers;                     // one query at a time
-std::shared_ptr<Worker> current;        // guarded by `callers`
+std::mutex callers;               // one query at a time
+std::shared_ptr<Worker> current;  // guarded by `callers`
 
 }  // namespace
 

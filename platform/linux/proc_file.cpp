@@ -9,7 +9,9 @@
 
 namespace platform::procfs {
 
-ProcFile::~ProcFile() { close_fd(); }
+ProcFile::~ProcFile() {
+    close_fd();
+}
 
 void ProcFile::close_fd() {
     if (fd_ >= 0) ::close(fd_);

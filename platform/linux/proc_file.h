@@ -13,7 +13,7 @@ namespace platform::procfs {
 /// offset 0, so one descriptor serves the whole run; it is reopened when the roots change
 /// (tests switching fixture trees) or when a read fails.
 class ProcFile {
-public:
+  public:
     /// `relative` is below the proc root, e.g. "diskstats" or "net/snmp".
     explicit ProcFile(std::string relative) : relative_(std::move(relative)) {}
     ~ProcFile();
@@ -26,7 +26,7 @@ public:
     int error() const { return error_; }
     const std::string& path() const { return path_; }
 
-private:
+  private:
     bool open_current();
     void close_fd();
 

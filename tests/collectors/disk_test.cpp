@@ -8,7 +8,7 @@ using namespace vorntest;
 namespace {
 
 class DiskClass : public CollectorTest {
-protected:
+  protected:
     void SetUp() override {
         CollectorTest::SetUp();
         rtdc_disk_reset_for_tests();
@@ -93,7 +93,7 @@ TEST_F(DiskClass, VanishedDeviceReportsNothingThenDropsOut) {
     header("new-disk");
     Lines raw;
     auto values = data("captured-2", &raw);  // sdb, sdb1 and loop1 are gone
-    EXPECT_EQ(raw.data.size(), 5u);           // still announced: zero activity
+    EXPECT_EQ(raw.data.size(), 5u);          // still announced: zero activity
     EXPECT_EQ(values["Disk~^1~^->sdb->Total Operations"], "0.00");
     EXPECT_EQ(values["Disk~^1~^->sdb->Run State Elements"], "0");
     Lines head = header("captured-2");
@@ -113,17 +113,20 @@ TEST_F(DiskClass, QueueLengthChangesNeverGoNegative) {
     TempTree tree;
     platform::set_roots(tree.roots());
     auto write_in_flight = [&](int n) {
-        tree.write("proc/diskstats", " 8 0 sda 10 0 80 1 10 0 80 1 " + std::to_string(n) + " 5 5\n");
+        tree.write("proc/diskstats",
+                   " 8 0 sda 10 0 80 1 10 0 80 1 " + std::to_string(n) + " 5 5\n");
     };
     write_in_flight(5);
     ASSERT_EQ(run(GetDiskClassInfo, 1), 1);
     last_headers = take_lines().headers;
     write_in_flight(2);
     ASSERT_EQ(run(GetDiskClassInfo, 0), 1);
-    EXPECT_EQ(values_by_path(last_headers, take_lines().data)["Disk~^1~^->sda->Run State Elements"], "0");
+    EXPECT_EQ(values_by_path(last_headers, take_lines().data)["Disk~^1~^->sda->Run State Elements"],
+              "0");
     write_in_flight(6);
     ASSERT_EQ(run(GetDiskClassInfo, 0), 1);
-    EXPECT_EQ(values_by_path(last_headers, take_lines().data)["Disk~^1~^->sda->Run State Elements"], "4");
+    EXPECT_EQ(values_by_path(last_headers, take_lines().data)["Disk~^1~^->sda->Run State Elements"],
+              "4");
 }
 
 TEST_F(DiskClass, TreeLeavesPointAtTheDeviceRecords) {

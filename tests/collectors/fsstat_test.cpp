@@ -43,7 +43,7 @@ void release_hang() {
 }
 
 class FsClass : public CollectorTest {
-protected:
+  protected:
     void SetUp() override {
         CollectorTest::SetUp();
         rtdc_fs_reset_for_tests();
@@ -73,8 +73,9 @@ protected:
 };
 
 const std::vector<std::string> kLocalMounts = {
-    "/", "/proc", "/boot/efi", "/srv/media library",
-    "/run", "/var/lib/containers/storage/overlay/0123456789abcdef0123456789abcdef/merged",
+    "/",          "/proc",
+    "/boot/efi",  "/srv/media library",
+    "/run",       "/var/lib/containers/storage/overlay/0123456789abcdef0123456789abcdef/merged",
     "/mnt/backup"};
 
 TEST_F(FsClass, FirstHeaderPassListsLocalMountsOnce) {
@@ -214,7 +215,7 @@ TEST_F(FsClass, UnreadableMountTable) {
 // ---- live: what the class reports is what statvfs says ----
 
 class LiveFs : public CollectorTest {
-protected:
+  protected:
     void SetUp() override {
         CollectorTest::SetUp();
         rtdc_fs_reset_for_tests();
@@ -244,7 +245,8 @@ TEST_F(LiveFs, EveryReportedMountAgreesWithStatvfs) {
         double avail = atof(values[prefix + "->Available"].c_str());
         EXPECT_DOUBLE_EQ(total, static_cast<double>(vfs.f_blocks)) << node->mount_point;
         // Other programs write meanwhile: allow 1 % of the file system.
-        EXPECT_NEAR(avail, static_cast<double>(vfs.f_bavail), static_cast<double>(vfs.f_blocks) / 100 + 1)
+        EXPECT_NEAR(avail, static_cast<double>(vfs.f_bavail),
+                    static_cast<double>(vfs.f_blocks) / 100 + 1)
             << node->mount_point;
         ++checked;
     }

@@ -14,7 +14,7 @@ using vorntest::TempTree;
 namespace {
 
 class KernelReader : public vorntest::RootsTest {
-protected:
+  protected:
     void SetUp() override { strcpy(saved, KernelDev); }
     void TearDown() override {
         CloseKernel();
@@ -88,7 +88,8 @@ TEST_F(KernelReader, AbsentDeviceIsTolerated) {
 
 TEST_F(KernelReader, SymbolLookup) {
     vorntest::use_fixture("kallsyms");
-    KernelSymbol list[] = {{"jiffies", 0}, {"ext4_sync_fs", 0}, {"no_such_symbol", 0}, {nullptr, 0}};
+    KernelSymbol list[] = {
+        {"jiffies", 0}, {"ext4_sync_fs", 0}, {"no_such_symbol", 0}, {nullptr, 0}};
     EXPECT_EQ(kernlist(list), 1);
     EXPECT_EQ(list[0].n_value, 0xffffffff82a0c2c0ull);
     EXPECT_EQ(list[1].n_value, 0xffffffffc0a01230ull);  // a module symbol

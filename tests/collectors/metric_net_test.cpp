@@ -23,7 +23,7 @@ using namespace vorntest;
 namespace {
 
 class RateClasses : public CollectorTest {
-protected:
+  protected:
     void SetUp() override {
         CollectorTest::SetUp();
         rtdc_metric_reset_for_tests();
@@ -60,7 +60,8 @@ protected:
 };
 
 TEST_F(RateClasses, MemoryOnCapturedHost) {
-    expect_golden("memory-captured.txt", two_snapshots(GetMetricClassInfo, "captured-1", "captured-2"));
+    expect_golden("memory-captured.txt",
+                  two_snapshots(GetMetricClassInfo, "captured-1", "captured-2"));
     // MemTotal 24683656 kB: 24105 MB, sent with the header and in every data packet.
     EXPECT_EQ(values1["Memory~^1~^-> System Memory (MB)"], "24105");
     EXPECT_NE(headers[0].find(",0,24105\n"), std::string::npos);
@@ -79,7 +80,8 @@ TEST_F(RateClasses, MemoryOnCapturedHost) {
 }
 
 TEST_F(RateClasses, NetworkOnCapturedHost) {
-    expect_golden("network-captured.txt", two_snapshots(GetNetClassInfo, "captured-1", "captured-2"));
+    expect_golden("network-captured.txt",
+                  two_snapshots(GetNetClassInfo, "captured-1", "captured-2"));
     ASSERT_EQ(headers.size(), 31u);
     EXPECT_EQ(headers[0].rfind("Network->TCP->Packet Rate->Sent::", 0), 0u);
     // Between the snapshots 20 connections to a closed port were refused.
@@ -96,7 +98,8 @@ TEST_F(RateClasses, NetworkOnCapturedHost) {
 
 TEST_F(RateClasses, RestartedCountersGiveZeroNotHugeRates) {
     two_snapshots(GetNetClassInfo, "captured-2", "counter-reset");
-    const std::string connections = "Network->TCP->Connection Establish Rate->Number of Connections";
+    const std::string connections =
+        "Network->TCP->Connection Establish Rate->Number of Connections";
     ASSERT_EQ(values2.size(), 31u);
     for (const auto& [path, value] : values2)
         if (path != connections) {

@@ -135,7 +135,8 @@ TEST_F(DiskReader, LongNamesAreCutAndLargeFilesReadWhole) {
 
 TEST_F(DiskReader, RereadsTheSameFileAndFollowsRootChanges) {
     TempTree tree;
-    tree.write("proc/diskstats", " 8 0 sda 1 0 8 0 1 0 8 0 0 1 1\n 8 16 sdb 1 0 8 0 1 0 8 0 0 1 1\n");
+    tree.write("proc/diskstats",
+               " 8 0 sda 1 0 8 0 1 0 8 0 0 1 1\n 8 16 sdb 1 0 8 0 1 0 8 0 0 1 1\n");
     set_roots(tree.roots());
     std::vector<DiskDevice> disks;
     ASSERT_TRUE(read_disks(disks));
@@ -168,8 +169,8 @@ TEST_F(NetReader, CapturedHostBothTables) {
     EXPECT_EQ(net.tcp_in_segs, 925u);
     EXPECT_EQ(net.ip_out_requests, 587u);
     EXPECT_EQ(net.udp_out_datagrams, 27u);
-    EXPECT_EQ(net.ip_out_octets, 39302u);                // from the extension table
-    EXPECT_EQ(net.tcp_acks_received, 17u + 7u);         // pure + fast-path ACKs
+    EXPECT_EQ(net.ip_out_octets, 39302u);        // from the extension table
+    EXPECT_EQ(net.tcp_acks_received, 17u + 7u);  // pure + fast-path ACKs
 }
 
 TEST_F(NetReader, ColumnsFoundByNameWhateverTheirOrder) {

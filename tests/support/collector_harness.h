@@ -21,7 +21,9 @@
 namespace vorntest {
 
 inline double fake_now = 0;
-inline double fake_clock() { return fake_now; }
+inline double fake_clock() {
+    return fake_now;
+}
 
 /// Every header and data line the collectors wrote, counted as the packet counts them.
 struct Lines {
@@ -90,14 +92,14 @@ inline void expect_golden(const std::string& name, const std::string& actual) {
         std::ofstream(path, std::ios::binary | std::ios::trunc) << actual;
         return;
     }
-    EXPECT_EQ(read_text(path), actual) << "golden file " << name
-                                       << " (VORN_UPDATE_GOLDEN=1 rewrites it)";
+    EXPECT_EQ(read_text(path), actual)
+        << "golden file " << name << " (VORN_UPDATE_GOLDEN=1 rewrites it)";
 }
 
 /// Clean agent state around each collector test: empty line arrays, ids from 1, a metric
 /// tree with only its root, the clock under the test's control, real roots afterwards.
 class CollectorTest : public RootsTest {
-protected:
+  protected:
     void SetUp() override {
         rtal_create_root("testhost");
         clear_tree();

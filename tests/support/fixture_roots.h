@@ -27,11 +27,13 @@ inline platform::Roots fixture_roots(const std::string& name) {
     return roots;
 }
 
-inline void use_fixture(const std::string& name) { platform::set_roots(fixture_roots(name)); }
+inline void use_fixture(const std::string& name) {
+    platform::set_roots(fixture_roots(name));
+}
 
 /// A scratch directory removed at the end of the test.
 class TempTree {
-public:
+  public:
     TempTree() {
         std::string pattern = std::filesystem::temp_directory_path().string() + "/vorntest.XXXXXX";
         char* made = mkdtemp(pattern.data());
@@ -55,13 +57,13 @@ public:
         return roots;
     }
 
-private:
+  private:
     std::string root_;
 };
 
 /// Restores the real roots after every test of a fixture class.
 class RootsTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override { platform::set_roots(platform::Roots{}); }
 };
 
