@@ -113,6 +113,7 @@ void NullifyList() {
 
 int GenProcessHeader(char** headers, int* count) {
     const int rows = PROC_FIELDS() - 1;
+    int left_out = 0;
     for (List* list : proc_list) {
         if (!list) continue;
         for (ListItem* it = list->first; it; it = it->next) {
@@ -120,11 +121,16 @@ int GenProcessHeader(char** headers, int* count) {
             if (!item || !item->info) continue;
             // A process whose lines would not all fit is left out whole, so the console
             // never sees half a process.
-            if (*count + rows > kMaxLines) return 1;
+            if (*count + rows > kMaxLines) {
+                ++left_out;
+                continue;
+            }
             rtdc_buffer_process_headers(headers, count, ProcessCounters, &item->info->record,
                                         item->info->record.pid, item->info->name);
         }
     }
+    if (left_out)
+        rtdc_logf("VORNRTA-W-PROCHDR: header lines full, %d processes left out\n", left_out);
     return 1;
 }
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include <fstream>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -487,6 +489,53 @@ TEST_F(ScriptedProc, UnlistableProcKeepsWhatIsKnownAndSwitchOffDoesNothing) {
     rta_cmdline.class_process = 0;
     v = Scan();
     EXPECT_TRUE(v.empty());
+}
+
+TEST_F(ScriptedProc, ChurnWhileConsolesReadTheTreeAndRulesAreEvaluated) {
+    // The collection thread adds and removes processes while request threads walk the tree
+    // (<DESC>) and bind rules (<EXPDEF>); the evaluator runs between scans on the collection
+    // thread, with a rule whose process comes and goes.
+    for (int pid = 100; pid < 110; ++pid) Put({.pid = pid, .name = "churn", .start_s = 1});
+    fake_now = 10;
+    Scan();
+    AddRule("Process->churn->% CPU Utilization", 0, 0);
+    std::atomic<bool> stop{false};
+    std::atomic<long> walks{0};
+    std::thread console([&] {
+        while (!stop.load()) {
+            int leaves = 0;
+            Traverse_Tree_for_leaves(Metric_Tree, [](treeNode*, void* n, void*) { ++*static_cast<int*>(n); },
+                                     &leaves);
+            treeNode* found = nullptr;
+            if (SearchDescription1("Process->churn->Rss (Kb)", Metric_Tree, &found, 0)) {
+                std::lock_guard<std::mutex> lock(expdef_mutex);
+                (void)GetListCount(Expdef_list);
+            }
+            ++walks;
+        }
+    });
+    for (int round = 0; round < 60; ++round) {
+        const int gone = 100 + round % 10;
+        Remove(gone);
+        Put({.pid = gone + 1000, .name = round % 2 ? "churn" : "other", .start_s = fake_now});
+        if (round % 3 == 0) Put({.pid = gone, .name = "churn", .start_s = fake_now});
+        fake_now += 1;
+        Scan();
+        rtal_checkexp();
+        Remove(gone + 1000);
+    }
+    stop = true;
+    console.join();
+    EXPECT_GT(walks.load(), 0);
+    // Whatever remains is consistent: every listed process has its instance under its name.
+    for (List* list : proc_list) {
+        for (ListItem* it = list ? list->first : nullptr; it; it = it->next) {
+            ProcessInfo* info = static_cast<ProcListItem*>(it->data)->info;
+            auto names = instance_names(find_node(std::string("Process->") + info->name + "->Priority"));
+            EXPECT_TRUE(std::binary_search(names.begin(), names.end(), std::to_string(info->record.pid)))
+                << info->name << " " << info->record.pid;
+        }
+    }
 }
 
 // ---- the live host -----------------------------------------------------------------------
