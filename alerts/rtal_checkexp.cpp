@@ -130,7 +130,9 @@ bool queue_alert(ExceptionObject* alert) {
 
 }  // namespace
 
-void rtal_set_clock(time_t (*now)()) { alert_clock.store(now); }
+void rtal_set_clock(time_t (*now)()) {
+    alert_clock.store(now);
+}
 
 time_t rtal_now() {
     time_t (*now)() = alert_clock.load();
@@ -214,8 +216,8 @@ void CheckForAlert(int satisfied, ExceptionObject* rule, double value) {
                 rule->exp_name, static_cast<int>(rule->intervals), interval,
                 static_cast<long>(rule->last), static_cast<int>(rule->active));
             rtdc_logf("CheckAlert: %s, Active seconds: %d, duration required %d,  ACTIVE = %d\n",
-                      rule->exp_name, static_cast<int>(rule->last - rule->started),
-                      rule->duration, static_cast<int>(rule->active));
+                      rule->exp_name, static_cast<int>(rule->last - rule->started), rule->duration,
+                      static_cast<int>(rule->active));
         }
         // Wall-clock time since the run began decides, not the count of passes: a late or
         // skipped pass must not stretch the duration the console asked for.
@@ -283,8 +285,8 @@ void CheckForAlert(int satisfied, ExceptionObject* rule, double value) {
 
 void rtal_checkexp() {
     if (rtal::verbose())
-        rtdc_logf("%-20s  Checking events for alerts...(interval: %d)\n", "VORNRTA-I-CHKEXP:",
-                  rtal_intvl.load(std::memory_order_relaxed));
+        rtdc_logf("%-20s  Checking events for alerts...(interval: %d)\n",
+                  "VORNRTA-I-CHKEXP:", rtal_intvl.load(std::memory_order_relaxed));
     {
         std::lock_guard<std::mutex> lock(alert_mutex);
         if (!Alert_list && !CreateList(&Alert_list))

@@ -32,7 +32,8 @@ int rtal_getalert_action(int socket, const char* owner) {
             }
             char when[64] = "";
             struct tm tmv;
-            if (localtime_r(&alert->raised, &tmv)) strftime(when, sizeof when, "%d-%b-%Y %H:%M", &tmv);
+            if (localtime_r(&alert->raised, &tmv))
+                strftime(when, sizeof when, "%d-%b-%Y %H:%M", &tmv);
             // Large enough that four %f of any double never cut the line's own newline.
             char line[2048];
             snprintf(line, sizeof line, "%s::%s::%s::%f::%f::%f::%f::%s::%s\n", alert->exp_name,
@@ -82,18 +83,20 @@ void log_expdef_list(int verbose) {
     rtdc_logf("%-18s ---- EXECEPTION DEFINITION LIST ----\n", "VORNRTA-I-TAGMON:");
     {
         std::lock_guard<std::mutex> lock(expdef_mutex);
-        for (ListItem* item = Expdef_list ? Expdef_list->first : nullptr; item;
-             item = item->next) {
+        for (ListItem* item = Expdef_list ? Expdef_list->first : nullptr; item; item = item->next) {
             auto* rule = static_cast<ExceptionObject*>(item->data);
             if (!rule) continue;
             // The bound path rather than rule->metric: the node may have left the tree, and
             // this runs on a request thread without tree_mutex.
-            rtdc_logf("%-18s  %s, %s,\n\t\t\t\t%s, limit: %f, duration: %d\n", "VORNRTA-I-EXPDEF:",
-                      rule->exp_name, rule->bound[0] ? rule->bound : rule->name, rule->condition,
-                      rule->limit, rule->duration);
+            rtdc_logf("%-18s  %s, %s,\n\t\t\t\t%s, limit: %f, duration: %d\n",
+                      "VORNRTA-I-EXPDEF:", rule->exp_name,
+                      rule->bound[0] ? rule->bound : rule->name, rule->condition, rule->limit,
+                      rule->duration);
         }
     }
     rtdc_logf("%-18s ---- END EXECEPTION DEFINITION LIST ----\n", "VORNRTA-I-TAGMON:");
 }
 
-int rtal_checksock(int /*socket*/) { return 1; }
+int rtal_checksock(int /*socket*/) {
+    return 1;
+}

@@ -1,13 +1,14 @@
 // Events: text lines a client hands in with <EVENT>, kept in a fixed store and given
 // verbatim, once, to the first console that asks with <EVENT_GET_ALERTS>; and the event
 // definition file left by <EVENT_DEF> for other programs on the host.
+#include "alerts/rtal_event.h"
+
 #include <cerrno>
 #include <cstring>
 #include <mutex>
 
 #include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
-#include "alerts/rtal_event.h"
 #include "alerts/rtal_io.h"
 #include "alerts/rtal_rules.h"
 #include "control/rta_cmdline.h"
@@ -46,8 +47,7 @@ int handle_event_request(FILE* stream, int /*fd*/, const char* /*client*/) {
     while (no_events < kMaxEvents) {
         // A read error (the receive timeout included) counts as end of stream.
         if (!fgets(eventlist[no_events], sizeof eventlist[0], stream)) break;
-        if (rtal::verbose())
-            rtdc_logf("%-20s %s \n", "VORNRTA-I-EVENTDEF:", eventlist[no_events]);
+        if (rtal::verbose()) rtdc_logf("%-20s %s \n", "VORNRTA-I-EVENTDEF:", eventlist[no_events]);
         no_events++;
         if (no_events == kMaxEvents) {
             rtdc_logf("%-20s %s \n", "VORNRTA-E-EVENTDEF", "error too many events");
@@ -90,8 +90,8 @@ int rtal_event_getalert_action(int socket, const char* /*owner*/) {
     static const char kOpen[] = "<EVENT_ALERTS_GENERATED>\n";
     static const char kClose[] = "</EVENT_ALERTS_GENERATED>\n";
     if (!rtal::write_text(socket, kOpen)) {
-        rtdc_logf("%-18s <EVENT_ALERTS_GENERATED> tag send failed: %s\n", "VORNRTA-I-TAGFAIL:",
-                  strerror(errno));
+        rtdc_logf("%-18s <EVENT_ALERTS_GENERATED> tag send failed: %s\n",
+                  "VORNRTA-I-TAGFAIL:", strerror(errno));
         return -1;
     }
     if (rtal::verbose()) rtdc_logf("%-18s %s tag sent\n", "VORNRTA-I-TAG:", kOpen);
@@ -105,8 +105,7 @@ int rtal_event_getalert_action(int socket, const char* /*owner*/) {
                 if (!rtal::write_text(socket, eventlist[i])) {
                     // The events stay stored for the next console, and the store is released
                     // so that later <EVENT> requests are not locked out.
-                    rtdc_logf("VORNRTA-E-EVENT: failed to send event %d, %s\n", i,
-                              strerror(errno));
+                    rtdc_logf("VORNRTA-E-EVENT: failed to send event %d, %s\n", i, strerror(errno));
                     return -1;
                 }
             }
@@ -129,8 +128,7 @@ void rtal_event_action(FILE* stream, const char* owner) {
         // The rules it makes join Expdef_list, which the evaluator walks: take its lock.
         std::lock_guard<std::mutex> lock(expdef_mutex);
         if (!Evntdef_list) {
-            if (!CreateList(&Evntdef_list))
-                RTDCAppendLog("VORNRTA-E-MALLOC: CreateList: failed\n");
+            if (!CreateList(&Evntdef_list)) RTDCAppendLog("VORNRTA-E-MALLOC: CreateList: failed\n");
         } else {
             rtal::remove_owner_rules(Evntdef_list, cut_owner);
         }

@@ -1,5 +1,7 @@
 // Exception definitions: the console's alert rules, read from an <EXPDEF> request, bound to
 // nodes of the metric tree and kept per console in Expdef_list.
+#include "alerts/rtal_expdef.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -9,7 +11,6 @@
 
 #include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
-#include "alerts/rtal_expdef.h"
 #include "alerts/rtal_io.h"
 #include "alerts/rtal_rules.h"
 
@@ -244,8 +245,8 @@ void read_rules(FILE* stream, const char* owner, const RuleReader& reader) {
         }
         ExpdefFields f;
         if (!parse_rule_line(line, owner, reader, f)) continue;
-        const bool ok = strchr(f.name, '*') ? bind_star_rule(f, reader.bind_star)
-                                            : bind_named_rule(f);
+        const bool ok =
+            strchr(f.name, '*') ? bind_star_rule(f, reader.bind_star) : bind_named_rule(f);
         if (!ok) return;  // the rest of the request stays unread
     }
     if (verbose()) RTDCAppendLog(reader.finished);
@@ -260,8 +261,7 @@ void rtal_expdef_action(FILE* stream, const char* owner) {
         std::lock_guard<std::mutex> lock(expdef_mutex);
         if (!Expdef_list) {
             if (rtal::verbose()) RTDCAppendLog("VORNRTA-I-EXPDEF:    create expdef list...\n");
-            if (!CreateList(&Expdef_list))
-                RTDCAppendLog("VORNRTA-E-MALLOC: CreateList: failed\n");
+            if (!CreateList(&Expdef_list)) RTDCAppendLog("VORNRTA-E-MALLOC: CreateList: failed\n");
         } else {
             if (rtal::verbose())
                 RTDCAppendLog(

@@ -2,18 +2,20 @@
 // verbose switch. Internal to alerts/.
 #pragma once
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "agent/rtdc_globals.h"
 
 namespace rtal {
 
-inline bool verbose() { return verbose_flag.load(std::memory_order_relaxed) > 0; }
+inline bool verbose() {
+    return verbose_flag.load(std::memory_order_relaxed) > 0;
+}
 
 /// Copies `src` into a fixed field of `N` bytes, cut to fit, always NUL-terminated.
 template <size_t N>
@@ -52,6 +54,8 @@ inline bool write_all(int fd, const char* buf, size_t len) {
     return true;
 }
 
-inline bool write_text(int fd, const char* text) { return write_all(fd, text, strlen(text)); }
+inline bool write_text(int fd, const char* text) {
+    return write_all(fd, text, strlen(text));
+}
 
 }  // namespace rtal

@@ -11,7 +11,7 @@ namespace rtal {
 /// What differs between the two readers: their log texts, their end tag and whether a "*"
 /// path binds rules or is only resolved.
 struct RuleReader {
-    const char* parse_list;  // "... parse new list\n"
+    const char* parse_list;   // "... parse new list\n"
     const char* read_prefix;  // "... read: ", logged before each line read
     const char* end_tag;
     const char* field_msgs[7];  // logged before each of the seven fields

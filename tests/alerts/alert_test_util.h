@@ -39,7 +39,9 @@ inline int CountOf(const std::string& hay, const std::string& needle) {
 }
 
 inline std::atomic<time_t> fake_now{1000000};
-inline time_t FakeClock() { return fake_now.load(); }
+inline time_t FakeClock() {
+    return fake_now.load();
+}
 
 inline CounterDef Row(const char* name, const char* description, int type, int offset,
                       const char* units = "%", int is_counter = 1) {
@@ -77,8 +79,12 @@ inline std::vector<ExceptionObject> Copies(List* list, std::mutex& guard) {
         out.push_back(*static_cast<ExceptionObject*>(it->data));
     return out;
 }
-inline std::vector<ExceptionObject> Rules() { return Copies(Expdef_list, expdef_mutex); }
-inline std::vector<ExceptionObject> Alerts() { return Copies(Alert_list, alert_mutex); }
+inline std::vector<ExceptionObject> Rules() {
+    return Copies(Expdef_list, expdef_mutex);
+}
+inline std::vector<ExceptionObject> Alerts() {
+    return Copies(Alert_list, alert_mutex);
+}
 
 inline void WithStream(std::string text, const std::function<void(FILE*)>& fn) {
     FILE* f = fmemopen(text.data(), text.size(), "r");
@@ -95,7 +101,9 @@ inline std::string Exchange(const std::function<void(int)>& agent_side) {
     std::string got;
     std::thread console([&] {
         char buf[4096];
-        struct pollfd p {sv[1], POLLIN, 0};
+        struct pollfd p {
+            sv[1], POLLIN, 0
+        };
         for (ssize_t n; poll(&p, 1, 5000) > 0 && (n = read(sv[1], buf, sizeof buf)) > 0;)
             got.append(buf, static_cast<size_t>(n));
     });
@@ -111,7 +119,9 @@ inline void StuckConsole(int sv[2]) {
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
     int small = 4096;
     setsockopt(sv[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-    struct timeval tv {0, 200000};
+    struct timeval tv {
+        0, 200000
+    };
     setsockopt(sv[0], SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
 }
 
@@ -124,7 +134,7 @@ struct TestRecord {
 // Log in a temp dir, a root "testhost" with a "Net" class of four counters reading
 // `record_`, the fake clock, a 30 s alert interval.
 class AlertTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char tmpl[] = "/tmp/vornalertXXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);

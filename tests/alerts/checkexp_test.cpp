@@ -9,7 +9,7 @@ namespace alert_test {
 namespace {
 
 class CheckExpTest : public AlertTest {
-protected:
+  protected:
     void PassAt(time_t t, double busy) {
         fake_now = t;
         record_.busy = busy;
@@ -78,7 +78,8 @@ TEST_F(CheckExpTest, ConditionsCompareAsWrittenNaNSatisfiesOnlyNotEqual) {
     for (const auto& c : cases) {
         ClearLists();
         std::string text;
-        for (const char* cond : conds) text += std::string("c:Net->Load->Busy:") + cond + ":50:1:0\n";
+        for (const char* cond : conds)
+            text += std::string("c:Net->Load->Busy:") + cond + ":50:1:0\n";
         LoadRules(text + "odd:Net->Load->Busy:=>:50:0:0\n");
         PassAt(100, c.value);
         auto rules = Rules();
@@ -122,8 +123,8 @@ TEST_F(CheckExpTest, TypeCodesInstanceSumsAndMissingBases) {
     const struct {
         uint32_t type, offset;
         double expect;
-    } cases[] = {{1, 0, -7},   {2, 8, 5e9},  {3, 30, 0},  {4, 16, 2.5}, {6, 8, 5e9},  {7, 24, 1.25},
-                 {8, 0, -7},   {9, 28, 65535}, {10, 0, 0}, {11, 30, 0}, {12, 0, 0}, {13, 16, 0}};
+    } cases[] = {{1, 0, -7}, {2, 8, 5e9},    {3, 30, 0}, {4, 16, 2.5}, {6, 8, 5e9}, {7, 24, 1.25},
+                 {8, 0, -7}, {9, 28, 65535}, {10, 0, 0}, {11, 30, 0},  {12, 0, 0},  {13, 16, 0}};
     std::string rules;
     for (const auto& c : cases) {
         std::string path = "T" + std::to_string(c.type);
@@ -145,9 +146,9 @@ TEST_F(CheckExpTest, TypeCodesInstanceSumsAndMissingBases) {
         EXPECT_DOUBLE_EQ(got[i].sum, cases[i].expect) << "type " << cases[i].type;
     }
     const ExceptionObject* extra = &got[std::size(cases)];
-    EXPECT_DOUBLE_EQ(extra[0].sum, 42);   // all processes of one name add up
-    EXPECT_DOUBLE_EQ(extra[1].sum, 32);   // a good instance after a missing one counts
-    EXPECT_EQ(extra[2].intervals, 0u);    // a missing last instance skips the rule
+    EXPECT_DOUBLE_EQ(extra[0].sum, 42);  // all processes of one name add up
+    EXPECT_DOUBLE_EQ(extra[1].sum, 32);  // a good instance after a missing one counts
+    EXPECT_EQ(extra[2].intervals, 0u);   // a missing last instance skips the rule
     EXPECT_EQ(extra[3].intervals, 0u);
     std::string log = Log();
     EXPECT_EQ(CountOf(log, "rtal_checkexp: unknown data type \n"), 1);
@@ -174,8 +175,12 @@ TEST_F(CheckExpTest, StatisticsTracingAndTheAlertCopy) {
     EXPECT_DOUBLE_EQ(rule.max, 3);
     EXPECT_DOUBLE_EQ(rule.sum, 5);
     std::string log = Log();
-    EXPECT_EQ(CountOf(log, "CheckAlert: hand, Active seconds: 30, duration required 600,  ACTIVE = 1\n"), 1);
-    EXPECT_EQ(CountOf(log, "CheckForAlert  Net->Sent,  statistifed = 1,  value = 0.00, ACTIVE = 1 \n"), 1);
+    EXPECT_EQ(
+        CountOf(log, "CheckAlert: hand, Active seconds: 30, duration required 600,  ACTIVE = 1\n"),
+        1);
+    EXPECT_EQ(
+        CountOf(log, "CheckForAlert  Net->Sent,  statistifed = 1,  value = 0.00, ACTIVE = 1 \n"),
+        1);
     EXPECT_EQ(CountOf(log, "statistifed"), 1);
 
     ExceptionObject* alert = nullptr;

@@ -10,7 +10,7 @@ namespace alert_test {
 namespace {
 
 class EventTest : public AlertTest {
-protected:
+  protected:
     void SetUp() override {
         AlertTest::SetUp();
         ClearEvents();
@@ -51,7 +51,8 @@ TEST_F(EventTest, LinesComeBackVerbatimOnceAndLongLinesSpreadOverSlots) {
         EXPECT_EQ(std::string(eventlist[5]), std::string(467, 'L') + "\n");
     }
     int rc = 0;
-    EXPECT_EQ(Get(&rc), kOpen + "disk full\nno newline at the end" + longline + "\nafter\n" + kClose);
+    EXPECT_EQ(Get(&rc),
+              kOpen + "disk full\nno newline at the end" + longline + "\nafter\n" + kClose);
     EXPECT_EQ(rc, 1);
     EXPECT_EQ(Get(&rc), kOpen + kClose);
     EXPECT_EQ(rc, 1);
@@ -92,7 +93,9 @@ TEST_F(EventTest, AFailedWriteKeepsTheEventsAndReleasesTheStore) {
 TEST_F(EventTest, AClientThatStopsSendingEndsAtTheReceiveTimeout) {
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    struct timeval tv {0, 200000};  // the server sets this on every request socket
+    struct timeval tv {
+        0, 200000
+    };  // the server sets this on every request socket
     ASSERT_EQ(setsockopt(sv[0], SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv), 0);
     ASSERT_EQ(write(sv[1], "first\nsecond\n", 13), 13);
     FILE* stream = fdopen(sv[0], "r");

@@ -22,7 +22,8 @@ TEST_F(ExpdefTest, FieldsSplitAtEveryColonRunAndAreCutToTheirWidths) {
         "CPU high:Net->Load->Busy:>:80.5:1:5:busy too long\n"
         "a::Net-->Sent:::>=::1e3::0::2\n"  // ':' runs; path levels split at '-' and '>'
         "b:Net->Sent::80:0:1:desc\n" +     // a missing condition moves every later field up
-        wide_name + ":Net->Sent:>>>>>>>>>>:1234567890123456:00000000000012:3:" + wide_descript + "\n");
+        wide_name +
+        ":Net->Sent:>>>>>>>>>>:1234567890123456:00000000000012:3:" + wide_descript + "\n");
     auto r = Rules();
     ASSERT_EQ(r.size(), 4u);
     EXPECT_STREQ(r[0].exp_name, "CPU high");
@@ -43,7 +44,7 @@ TEST_F(ExpdefTest, FieldsSplitAtEveryColonRunAndAreCutToTheirWidths) {
     EXPECT_EQ(std::string(r[3].exp_name), std::string(127, 'N'));
     EXPECT_STREQ(r[3].condition, ">>>>>>>");
     EXPECT_DOUBLE_EQ(r[3].limit, 12345678901.0);  // eleven characters of limit
-    EXPECT_EQ(r[3].hours, 0);                      // "00000000000" once cut
+    EXPECT_EQ(r[3].hours, 0);                     // "00000000000" once cut
     EXPECT_EQ(strlen(r[3].descript), 255u);
 }
 
@@ -93,7 +94,8 @@ TEST_F(ExpdefTest, StarBindsOneRulePerLeafBelowTheResolvedNode) {
 
 TEST_F(ExpdefTest, AnUnresolvablePathOrTheEndTagStopsReading) {
     verbose_flag = 1;
-    for (const char* stop : {"lost:Net->Nowhere:>:1:0:0\n", "star:Nope->*:>:1:0:0\n", "</EXPDEF>\n"}) {
+    for (const char* stop :
+         {"lost:Net->Nowhere:>:1:0:0\n", "star:Nope->*:>:1:0:0\n", "</EXPDEF>\n"}) {
         ClearLists();
         WithStream(std::string("kept:Net->Sent:>:1:0:0\n") + stop + "unread:Net->Sent:>:1:0:0\n",
                    [&](FILE* f) {

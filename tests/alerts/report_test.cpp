@@ -6,7 +6,7 @@ namespace alert_test {
 namespace {
 
 class ReportTest : public AlertTest {
-protected:
+  protected:
     void SetUp() override {
         AlertTest::SetUp();
         const char* tz = getenv("TZ");
@@ -69,7 +69,8 @@ TEST_F(ReportTest, AConsoleThatStopsReadingOrLeavesLosesNoAlert) {
     close(sv[0]);
     std::string got;
     char buf[4096];
-    for (ssize_t n; (n = read(sv[1], buf, sizeof buf)) > 0;) got.append(buf, static_cast<size_t>(n));
+    for (ssize_t n; (n = read(sv[1], buf, sizeof buf)) > 0;)
+        got.append(buf, static_cast<size_t>(n));
     close(sv[1]);
     ASSERT_EQ(got.rfind("<ALERTS>\n", 0), 0u);
     const int complete = CountOf(got, "pp\n\n");  // descript newline plus the line's own
@@ -111,7 +112,9 @@ TEST_F(ReportTest, DescListsEveryLeafAndStartsAlerting) {
     StuckConsole(sv);
     std::thread console([&] {
         char buf[100];
-        struct pollfd p {sv[1], POLLIN, 0};
+        struct pollfd p {
+            sv[1], POLLIN, 0
+        };
         if (poll(&p, 1, 5000) > 0) (void)!read(sv[1], buf, sizeof buf);
         close(sv[1]);
     });
@@ -134,11 +137,15 @@ TEST_F(ReportTest, ListDumpsAreWrittenOnlyWhenAskedFor) {
     log_alert_list(1);
     std::string log = Log();
     EXPECT_EQ(CountOf(log, "VORNRTA-I-TAGMON:  ---- EXECEPTION DEFINITION LIST ----\n"), 1);
-    EXPECT_EQ(CountOf(log, "VORNRTA-I-EXPDEF:   a, Net->Sent,\n\t\t\t\t>=, limit: 1.000000, "
-                           "duration: 0\n"), 1);
+    EXPECT_EQ(CountOf(log,
+                      "VORNRTA-I-EXPDEF:   a, Net->Sent,\n\t\t\t\t>=, limit: 1.000000, "
+                      "duration: 0\n"),
+              1);
     EXPECT_EQ(CountOf(log, "VORNRTA-I-ALERT:   :  10.0.0.1, a,\n\t\t\t\tNet->Sent, why\n"), 1);
-    EXPECT_EQ(CountOf(log, "VORNRTA-I-ALERT1:  : a, >=,\n\t\t\t\tlimit: 1.000000, ave: 4.000000, "
-                           "min: 4.000000 max: 4.000000\n"), 1);
+    EXPECT_EQ(CountOf(log,
+                      "VORNRTA-I-ALERT1:  : a, >=,\n\t\t\t\tlimit: 1.000000, ave: 4.000000, "
+                      "min: 4.000000 max: 4.000000\n"),
+              1);
     EXPECT_EQ(CountOf(log, "---- END ALERTS LIST ----\n"), 1);
 }
 

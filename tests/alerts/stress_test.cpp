@@ -69,9 +69,8 @@ TEST_F(AlertStress, ConsolesAndTheEvaluatorShareTheListsSafely) {
     }
     consoles.emplace_back([&] {
         for (int i = 0; i < 400 && !done; ++i) {
-            WithStream("an event\nanother event\n", [&](FILE* f) {
-                handle_event_request(f, -1, " 10.0.0.9");
-            });
+            WithStream("an event\nanother event\n",
+                       [&](FILE* f) { handle_event_request(f, -1, " 10.0.0.9"); });
             events_posted += 2;
             std::string got = Exchange([](int fd) { rtal_event_getalert_action(fd, " 10.0.0.9"); });
             events_received += CountOf(got, " event\n");
