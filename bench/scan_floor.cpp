@@ -30,11 +30,13 @@
 namespace {
 
 volatile sig_atomic_t stop_requested = 0;
-void on_stop(int) { stop_requested = 1; }
+void on_stop(int) {
+    stop_requested = 1;
+}
 
 // The output of one scan: "id=value\n" lines, ids numbered from 1 each scan.
 class Lines {
-public:
+  public:
     void clear() {
         text_.clear();
         id_ = 0;
@@ -58,14 +60,14 @@ public:
     }
     size_t size() const { return text_.size(); }
 
-private:
+  private:
     std::string text_;
     int id_ = 0;
 };
 
 // A system-wide file kept open and re-read from offset 0 into a buffer that grows to fit.
 class KeptFile {
-public:
+  public:
     explicit KeptFile(std::string path) : path_(std::move(path)) {}
     ~KeptFile() {
         if (fd_ >= 0) close(fd_);
@@ -77,7 +79,8 @@ public:
         size_t total = 0;
         for (;;) {
             if (total == buf_.size()) buf_.resize(buf_.size() * 2);
-            ssize_t n = pread(fd_, buf_.data() + total, buf_.size() - total, static_cast<off_t>(total));
+            ssize_t n =
+                pread(fd_, buf_.data() + total, buf_.size() - total, static_cast<off_t>(total));
             if (n < 0 && errno == EINTR) continue;
             if (n <= 0) break;
             total += static_cast<size_t>(n);
@@ -85,7 +88,7 @@ public:
         return {buf_.data(), total};
     }
 
-private:
+  private:
     std::string path_;
     int fd_ = -1;
     std::vector<char> buf_;
@@ -141,7 +144,8 @@ uint64_t table_value(std::string_view text, std::string_view proto, std::string_
         bool found = false;
         while (pos != std::string_view::npos) {
             size_t end = names.find(' ', pos + 1);
-            if (names.substr(pos + 1, end == std::string_view::npos ? end : end - pos - 1) == name) {
+            if (names.substr(pos + 1, end == std::string_view::npos ? end : end - pos - 1) ==
+                name) {
                 found = true;
                 break;
             }
@@ -150,7 +154,8 @@ uint64_t table_value(std::string_view text, std::string_view proto, std::string_
         }
         if (!found) return 0;
         size_t vpos = values.find(' ');
-        for (size_t c = 0; c < column && vpos != std::string_view::npos; ++c) vpos = values.find(' ', vpos + 1);
+        for (size_t c = 0; c < column && vpos != std::string_view::npos; ++c)
+            vpos = values.find(' ', vpos + 1);
         if (vpos == std::string_view::npos) return 0;
         uint64_t v = 0;
         numbers(values.substr(vpos + 1, 24), &v, 1);
@@ -180,7 +185,8 @@ struct Floor {
             uint64_t total = 0;
             for (uint64_t x : v) total += x;
             out.put_fixed2(static_cast<double>(v[0] + v[1]) * 100.0 / (total ? total : 1));
-            out.put_fixed2(static_cast<double>(v[2] + v[5] + v[6] + v[7]) * 100.0 / (total ? total : 1));
+            out.put_fixed2(static_cast<double>(v[2] + v[5] + v[6] + v[7]) * 100.0 /
+                           (total ? total : 1));
             out.put_fixed2(static_cast<double>(v[3]) * 100.0 / (total ? total : 1));
             out.put_fixed2(static_cast<double>(v[4]) * 100.0 / (total ? total : 1));
             out.put_fixed2(static_cast<double>(total - v[3]) * 100.0 / (total ? total : 1));
@@ -217,21 +223,24 @@ struct Floor {
         std::string_view s = snmp.read();
         std::string_view x = netstat.read();
         static constexpr std::pair<const char*, const char*> kFields[] = {
-            {"Tcp:", "OutSegs"},          {"Tcp:", "InSegs"},         {"Tcp:", "RetransSegs"},
-            {"Tcp:", "CurrEstab"},        {"Tcp:", "ActiveOpens"},    {"Tcp:", "PassiveOpens"},
-            {"Tcp:", "AttemptFails"},     {"Tcp:", "EstabResets"},    {"Udp:", "OutDatagrams"},
-            {"Udp:", "InDatagrams"},      {"Ip:", "OutRequests"},     {"Ip:", "InReceives"},
-            {"Ip:", "OutDiscards"},       {"Ip:", "InDelivers"},      {"Ip:", "InDiscards"},
-            {"Ip:", "InUnknownProtos"},   {"Ip:", "ForwDatagrams"},   {"Ip:", "InAddrErrors"},
+            {"Tcp:", "OutSegs"},        {"Tcp:", "InSegs"},       {"Tcp:", "RetransSegs"},
+            {"Tcp:", "CurrEstab"},      {"Tcp:", "ActiveOpens"},  {"Tcp:", "PassiveOpens"},
+            {"Tcp:", "AttemptFails"},   {"Tcp:", "EstabResets"},  {"Udp:", "OutDatagrams"},
+            {"Udp:", "InDatagrams"},    {"Ip:", "OutRequests"},   {"Ip:", "InReceives"},
+            {"Ip:", "OutDiscards"},     {"Ip:", "InDelivers"},    {"Ip:", "InDiscards"},
+            {"Ip:", "InUnknownProtos"}, {"Ip:", "ForwDatagrams"}, {"Ip:", "InAddrErrors"},
             {"Ip:", "InHdrErrors"},
         };
-        for (const auto& [proto, name] : kFields) out.put(static_cast<int64_t>(table_value(s, proto, name)));
+        for (const auto& [proto, name] : kFields)
+            out.put(static_cast<int64_t>(table_value(s, proto, name)));
         static constexpr std::pair<const char*, const char*> kExt[] = {
-            {"IpExt:", "OutOctets"},      {"IpExt:", "InOctets"},      {"TcpExt:", "TCPOFOQueue"},
-            {"TcpExt:", "TCPDSACKOldSent"}, {"TcpExt:", "TCPDSACKOfoSent"}, {"TcpExt:", "TCPPureAcks"},
-            {"TcpExt:", "TCPHPAcks"},     {"TcpExt:", "TCPHPHits"},
+            {"IpExt:", "OutOctets"},        {"IpExt:", "InOctets"},
+            {"TcpExt:", "TCPOFOQueue"},     {"TcpExt:", "TCPDSACKOldSent"},
+            {"TcpExt:", "TCPDSACKOfoSent"}, {"TcpExt:", "TCPPureAcks"},
+            {"TcpExt:", "TCPHPAcks"},       {"TcpExt:", "TCPHPHits"},
         };
-        for (const auto& [proto, name] : kExt) out.put(static_cast<int64_t>(table_value(x, proto, name)));
+        for (const auto& [proto, name] : kExt)
+            out.put(static_cast<int64_t>(table_value(x, proto, name)));
         for (int i = 0; i < 4; ++i) out.put(0);
     }
 
@@ -244,7 +253,9 @@ struct Floor {
             if (strstr(entry.mnt_type, "nfs") || strstr(entry.mnt_type, "autofs")) continue;
             struct statvfs vfs {};
             if (statvfs(entry.mnt_dir, &vfs) != 0) continue;
-            out.put_fixed2(vfs.f_blocks ? (1.0 - static_cast<double>(vfs.f_bavail) / vfs.f_blocks) * 100.0 : 0.0);
+            out.put_fixed2(vfs.f_blocks
+                               ? (1.0 - static_cast<double>(vfs.f_bavail) / vfs.f_blocks) * 100.0
+                               : 0.0);
             out.put_fixed2(static_cast<double>(vfs.f_bavail));
             out.put_fixed2(static_cast<double>(vfs.f_blocks - vfs.f_bfree));
             out.put_fixed2(static_cast<double>(vfs.f_blocks));
@@ -291,11 +302,14 @@ struct Floor {
 
             snprintf(path, sizeof path, "/proc/%s/status", e->d_name);
             n = read_file(path);
-            if (n > 0) out.put(static_cast<int64_t>(keyed(std::string_view(buf, static_cast<size_t>(n)), "Uid")));
+            if (n > 0)
+                out.put(static_cast<int64_t>(
+                    keyed(std::string_view(buf, static_cast<size_t>(n)), "Uid")));
 
             snprintf(path, sizeof path, "/proc/%s/io", e->d_name);
             n = read_file(path);
-            std::string_view io = n > 0 ? std::string_view(buf, static_cast<size_t>(n)) : std::string_view();
+            std::string_view io =
+                n > 0 ? std::string_view(buf, static_cast<size_t>(n)) : std::string_view();
             out.put(static_cast<int64_t>(keyed(io, "rchar") + keyed(io, "wchar")));
             out.put(static_cast<int64_t>(keyed(io, "syscr") + keyed(io, "syscw")));
             out.put(static_cast<int64_t>(keyed(io, "read_bytes") / 512));
@@ -325,9 +339,12 @@ int main(int argc, char** argv) {
     bool quiet = false;
     for (int i = 1; i < argc; ++i) {
         std::string_view a = argv[i];
-        if (a == "-interval" && i + 1 < argc) interval = atof(argv[++i]);
-        else if (a == "-count" && i + 1 < argc) count = atol(argv[++i]);
-        else if (a == "-quiet") quiet = true;
+        if (a == "-interval" && i + 1 < argc)
+            interval = atof(argv[++i]);
+        else if (a == "-count" && i + 1 < argc)
+            count = atol(argv[++i]);
+        else if (a == "-quiet")
+            quiet = true;
         else {
             fprintf(stderr, "usage: scan_floor [-interval SECONDS] [-count SCANS] [-quiet]\n");
             return 2;

@@ -220,7 +220,8 @@ struct Console {
                 timeval tv{1, 0};
                 setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
                 const char request[] = "<DATA>\n2\n";
-                if (send(fd, request, sizeof request - 1, MSG_NOSIGNAL) != sizeof request - 1) return false;
+                if (send(fd, request, sizeof request - 1, MSG_NOSIGNAL) != sizeof request - 1)
+                    return false;
                 reader = std::thread([this] { run(); });
                 return true;
             }
@@ -349,8 +350,8 @@ Row measure(const Options& o, int extra) {
     const int port = free_port();
     const std::string agent_out = root + "/agent.out", floor_out = root + "/floor.out";
 
-    pid_t agent = spawn({o.agent, "-nofork", "-port", std::to_string(port), "-collectprocess", "-scan",
-                         std::to_string(static_cast<int>(o.interval))},
+    pid_t agent = spawn({o.agent, "-nofork", "-port", std::to_string(port), "-collectprocess",
+                         "-scan", std::to_string(static_cast<int>(o.interval))},
                         agent_out, nullptr, root);
     int floor_pipe = -1;
     char interval_text[32];
@@ -364,10 +365,11 @@ Row measure(const Options& o, int extra) {
     if (!console.connect_to(port, 30)) {
         fprintf(stderr, "scan_harness: cannot connect to the agent on port %d\n", port);
         show_tail(agent_out);
-    } else if (!wait_for([&] { return console.packets >= 1 + o.warmup && floor_scans.scans >= o.warmup; },
-                         warm_timeout)) {
-        fprintf(stderr, "scan_harness: no packets from the agent within %.0f s (got %ld)\n", warm_timeout,
-                console.packets.load());
+    } else if (!wait_for(
+                   [&] { return console.packets >= 1 + o.warmup && floor_scans.scans >= o.warmup; },
+                   warm_timeout)) {
+        fprintf(stderr, "scan_harness: no packets from the agent within %.0f s (got %ld)\n",
+                warm_timeout, console.packets.load());
         show_tail(agent_out);
     } else {
         row.processes = count_processes();
@@ -382,11 +384,15 @@ Row measure(const Options& o, int extra) {
         row.floor_scans = f1 - f0;
         const double tick_ms = 1000.0 / static_cast<double>(sysconf(_SC_CLK_TCK));
         if (row.agent_scans > 0 && row.floor_scans > 0) {
-            row.agent_ms = static_cast<double>(a1 - a0) * tick_ms / static_cast<double>(row.agent_scans);
-            row.floor_ms = static_cast<double>(b1 - b0) * tick_ms / static_cast<double>(row.floor_scans);
+            row.agent_ms =
+                static_cast<double>(a1 - a0) * tick_ms / static_cast<double>(row.agent_scans);
+            row.floor_ms =
+                static_cast<double>(b1 - b0) * tick_ms / static_cast<double>(row.floor_scans);
             row.ratio = row.floor_ms > 0 ? row.agent_ms / row.floor_ms : 0;
-            const double agent_ns = static_cast<double>(an1 - an0) / static_cast<double>(row.agent_scans);
-            const double floor_ns = static_cast<double>(bn1 - bn0) / static_cast<double>(row.floor_scans);
+            const double agent_ns =
+                static_cast<double>(an1 - an0) / static_cast<double>(row.agent_scans);
+            const double floor_ns =
+                static_cast<double>(bn1 - bn0) / static_cast<double>(row.floor_scans);
             row.ratio_ns = floor_ns > 0 ? agent_ns / floor_ns : 0;
             row.ok = true;
         }
@@ -424,14 +430,22 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         std::string_view a = argv[i];
         auto next = [&]() -> const char* { return i + 1 < argc ? argv[++i] : ""; };
-        if (a == "-agent") o.agent = next();
-        else if (a == "-floor") o.floor = next();
-        else if (a == "-soak") o.soak = next();
-        else if (a == "-duration") o.duration = atof(next());
-        else if (a == "-interval") o.interval = atof(next());
-        else if (a == "-extra") o.extra = parse_list(next());
-        else if (a == "-soak-scans") o.soak_scans = atol(next());
-        else if (a == "-warmup") o.warmup = atoi(next());
+        if (a == "-agent")
+            o.agent = next();
+        else if (a == "-floor")
+            o.floor = next();
+        else if (a == "-soak")
+            o.soak = next();
+        else if (a == "-duration")
+            o.duration = atof(next());
+        else if (a == "-interval")
+            o.interval = atof(next());
+        else if (a == "-extra")
+            o.extra = parse_list(next());
+        else if (a == "-soak-scans")
+            o.soak_scans = atol(next());
+        else if (a == "-warmup")
+            o.warmup = atoi(next());
         else {
             fprintf(stderr,
                     "usage: scan_harness [-agent PATH] [-floor PATH] [-soak PATH] [-duration S] "
@@ -444,9 +458,12 @@ int main(int argc, char** argv) {
     std::vector<Row> rows;
     for (int extra : o.extra) rows.push_back(measure(o, extra));
 
-    printf("Scan cost, %.0f s at a %g s scan, agent against the floor of a scan\n\n", o.duration, o.interval);
-    printf("| extra sleepers | processes | agent CPU ms/scan | floor CPU ms/scan | ratio | ratio (run ns) "
-           "| agent peak RSS MB | data packet KB |\n");
+    printf("Scan cost, %.0f s at a %g s scan, agent against the floor of a scan\n\n", o.duration,
+           o.interval);
+    printf(
+        "| extra sleepers | processes | agent CPU ms/scan | floor CPU ms/scan | ratio | ratio (run "
+        "ns) "
+        "| agent peak RSS MB | data packet KB |\n");
     printf("|---:|---:|---:|---:|---:|---:|---:|---:|\n");
     bool all_ok = true;
     for (const Row& r : rows) {
@@ -455,8 +472,8 @@ int main(int argc, char** argv) {
             all_ok = false;
             continue;
         }
-        printf("| %d | %d | %.2f | %.2f | %.2f | %.2f | %.1f | %.0f |\n", r.extra, r.processes, r.agent_ms,
-               r.floor_ms, r.ratio, r.ratio_ns, r.agent_hwm_mb, r.packet_kb);
+        printf("| %d | %d | %.2f | %.2f | %.2f | %.2f | %.1f | %.0f |\n", r.extra, r.processes,
+               r.agent_ms, r.floor_ms, r.ratio, r.ratio_ns, r.agent_hwm_mb, r.packet_kb);
     }
     printf("\n(scans measured per row: agent/floor");
     for (const Row& r : rows) printf(" %ld/%ld", r.agent_scans, r.floor_scans);

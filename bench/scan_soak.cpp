@@ -60,9 +60,12 @@ int main(int argc, char** argv) {
     int churn = 4;
     for (int i = 1; i < argc; ++i) {
         std::string_view a = argv[i];
-        if (a == "-scans" && i + 1 < argc) scans = atol(argv[++i]);
-        else if (a == "-warm" && i + 1 < argc) warm = atol(argv[++i]);
-        else if (a == "-churn" && i + 1 < argc) churn = atoi(argv[++i]);
+        if (a == "-scans" && i + 1 < argc)
+            scans = atol(argv[++i]);
+        else if (a == "-warm" && i + 1 < argc)
+            warm = atol(argv[++i]);
+        else if (a == "-churn" && i + 1 < argc)
+            churn = atoi(argv[++i]);
         else {
             fprintf(stderr, "usage: scan_soak [-scans N] [-warm W] [-churn K]\n");
             return 2;
@@ -81,7 +84,8 @@ int main(int argc, char** argv) {
     rta_cmdline.collect_process = 1;
     rta_cmdline.class_process = 1;
     snprintf(rta_cmdline.log_dir, sizeof rta_cmdline.log_dir, "%s", root);
-    if (!rta_cmdline.hostname[0]) snprintf(rta_cmdline.hostname, sizeof rta_cmdline.hostname, "soak");
+    if (!rta_cmdline.hostname[0])
+        snprintf(rta_cmdline.hostname, sizeof rta_cmdline.hostname, "soak");
     get_log_file_name_unix(rta_cmdline.hostname, logfilec);
     rtal_create_root(rta_cmdline.hostname);
 

@@ -22,10 +22,13 @@ namespace {
 
 // A cumulative counter that went backwards (it cannot for a live process, but a wrapped or
 // re-created counter must not turn into a huge rate) counts as no change.
-uint64_t delta(uint64_t now, uint64_t before) { return now >= before ? now - before : 0; }
+uint64_t delta(uint64_t now, uint64_t before) {
+    return now >= before ? now - before : 0;
+}
 
 int64_t per_second(uint64_t change, double seconds) {
-    return seconds > 0 ? static_cast<int64_t>(std::llround(static_cast<double>(change) / seconds)) : 0;
+    return seconds > 0 ? static_cast<int64_t>(std::llround(static_cast<double>(change) / seconds))
+                       : 0;
 }
 
 double percent(uint64_t ticks, double capacity_ticks) {
@@ -108,7 +111,9 @@ void visit(const platform::ProcessSample& sample, void* arg) {
     }
 }
 
-void on_gone(ProcessInfo* info, void* arg) { take_out_of_tree(*info, *static_cast<ScanState*>(arg)); }
+void on_gone(ProcessInfo* info, void* arg) {
+    take_out_of_tree(*info, *static_cast<ScanState*>(arg));
+}
 
 void register_pending(ScanState& s) {
     if (!s.dropped_names.empty()) {

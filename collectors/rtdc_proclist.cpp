@@ -88,7 +88,9 @@ void close_rules_on(MetricDescription* md) {
 
 }  // namespace
 
-int GetIndex(int pid) { return pid % kProcBuckets; }
+int GetIndex(int pid) {
+    return pid % kProcBuckets;
+}
 
 void GetFromProcList(List* list, int pid, ProcListItem** item_out) {
     *item_out = nullptr;
@@ -154,7 +156,8 @@ void dumpprocesslist() {
         if (!list) continue;
         for (ListItem* it = list->first; it; it = it->next) {
             auto* item = static_cast<ProcListItem*>(it->data);
-            if (item && item->info) printf("process = %d: %s \n", item->info->record.pid, item->info->name);
+            if (item && item->info)
+                printf("process = %d: %s \n", item->info->record.pid, item->info->name);
         }
     }
 }

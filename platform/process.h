@@ -27,9 +27,9 @@ struct ProcessSample {
     // and kernels built without I/O accounting have no such file: has_io is then false and
     // the six counters are 0.
     bool has_io;
-    uint64_t rchar, wchar;            // bytes through read/write-like calls
-    uint64_t syscr, syscw;            // read and write calls
-    uint64_t read_bytes, write_bytes; // bytes the process made storage fetch or write
+    uint64_t rchar, wchar;             // bytes through read/write-like calls
+    uint64_t syscr, syscw;             // read and write calls
+    uint64_t read_bytes, write_bytes;  // bytes the process made storage fetch or write
     char name[kProcessNameMax];
 };
 

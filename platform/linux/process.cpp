@@ -138,12 +138,18 @@ void parse_io(std::string_view text, ProcessSample& out) {
         std::string_view value_text = line.substr(colon + 1);
         uint64_t value;
         if (!parse_u64(next_token(value_text), value)) continue;
-        if (key == "rchar") out.rchar = value;
-        else if (key == "wchar") out.wchar = value;
-        else if (key == "syscr") out.syscr = value;
-        else if (key == "syscw") out.syscw = value;
-        else if (key == "read_bytes") out.read_bytes = value;
-        else if (key == "write_bytes") out.write_bytes = value;
+        if (key == "rchar")
+            out.rchar = value;
+        else if (key == "wchar")
+            out.wchar = value;
+        else if (key == "syscr")
+            out.syscr = value;
+        else if (key == "syscw")
+            out.syscw = value;
+        else if (key == "read_bytes")
+            out.read_bytes = value;
+        else if (key == "write_bytes")
+            out.write_bytes = value;
     }
 }
 
@@ -289,8 +295,8 @@ void user_name(uint32_t uid, char* out, size_t size) {
         passwd entry{};
         passwd* found = nullptr;
         char pwbuf[4096];
-        if (getpwuid_r(uid, &entry, pwbuf, sizeof pwbuf, &found) == 0 && found &&
-            found->pw_name && *found->pw_name) {
+        if (getpwuid_r(uid, &entry, pwbuf, sizeof pwbuf, &found) == 0 && found && found->pw_name &&
+            *found->pw_name) {
             name = found->pw_name;
         } else {
             name = std::to_string(uid);

@@ -1,6 +1,7 @@
 // The process class: the process list, removal from the metric tree with its closing
 // alerts, the collector over a scripted /proc with a scripted clock, and the live host.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,8 +18,6 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "agent/rtdc_globals.h"
 #include "alerts/rtal_expdef.h"
 #include "alerts/rtal_tree.h"
@@ -34,14 +33,31 @@ namespace {
 
 // Rows of ProcessCounters, by position.
 enum Row {
-    kPid, kParent, kUser, kTty, kCpu, kUserCpu, kSysCpu, kTrap, kBlocksIn, kBlocksOut,
-    kMinor, kMajor, kIoChars, kSyscalls, kSwaps, kRss, kPriority
+    kPid,
+    kParent,
+    kUser,
+    kTty,
+    kCpu,
+    kUserCpu,
+    kSysCpu,
+    kTrap,
+    kBlocksIn,
+    kBlocksOut,
+    kMinor,
+    kMajor,
+    kIoChars,
+    kSyscalls,
+    kSwaps,
+    kRss,
+    kPriority
 };
 
 const uint64_t kHz = platform::clock_ticks_per_second();
 
 double fake_now = 0;
-double fake_clock() { return fake_now; }
+double fake_clock() {
+    return fake_now;
+}
 
 treeNode* find_node(const std::string& path) {
     std::lock_guard<std::mutex> lock(tree_mutex);
@@ -68,7 +84,7 @@ std::vector<std::string> instance_names(treeNode* leaf) {
 }
 
 class ProcessClass : public vorntest::RootsTest {
-protected:
+  protected:
     void SetUp() override {
         rtdc_process_reset();
         ASSERT_EQ(rtal_create_root("proctest"), 1);
@@ -104,7 +120,8 @@ protected:
                 size_t end = text.find('\n', at);
                 std::string line = text.substr(at, end - at);
                 size_t eq = line.find('=');
-                if (eq != std::string::npos) values[std::stol(line.substr(0, eq))] = line.substr(eq + 1);
+                if (eq != std::string::npos)
+                    values[std::stol(line.substr(0, eq))] = line.substr(eq + 1);
                 at = end == std::string::npos ? text.size() : end + 1;
             }
         }
@@ -192,10 +209,11 @@ TEST_F(ProcessClass, PidsSharingABucketAreFoundByPid) {
     EXPECT_EQ(five->seen + sixty_nine->seen, 0);
     sixty_nine->seen = 1;
     std::vector<int> gone;
-    EXPECT_EQ(SweepUnseen([](ProcessInfo* i, void* a) {
-                  static_cast<std::vector<int>*>(a)->push_back(i->record.pid);
-              }, &gone),
-              1);
+    EXPECT_EQ(
+        SweepUnseen([](ProcessInfo* i,
+                       void* a) { static_cast<std::vector<int>*>(a)->push_back(i->record.pid); },
+                    &gone),
+        1);
     EXPECT_EQ(gone, std::vector<int>{5});
     GetFromProcList(proc_list[5], 69, &found);
     EXPECT_EQ(found, sixty_nine);
@@ -219,8 +237,8 @@ TEST_F(ProcessClass, HeaderLinesPerProcessAndNeverHalfAProcess) {
                          std::to_string(rtdc_ProcessGenids(42, 1)) + "::Process Id::1, ,0,42\n");
     EXPECT_NE(std::string(lines[2]).find("  (42)->User Name::"), std::string::npos);
     EXPECT_NE(std::string(lines[2]).find(",root\n"), std::string::npos);
-    EXPECT_NE(std::string(lines[4]).find("->% CPU Utilization::" +
-                                         std::to_string(rtdc_ProcessGenids(42, 5)) + "::"),
+    EXPECT_NE(std::string(lines[4]).find(
+                  "->% CPU Utilization::" + std::to_string(rtdc_ProcessGenids(42, 5)) + "::"),
               std::string::npos);
     int total = n_rtdc_header_len;
     rtdc_free_lines(lines.data(), &count, &total);
@@ -305,7 +323,7 @@ struct Proc {
 };
 
 class ScriptedProc : public ProcessClass {
-protected:
+  protected:
     void SetUp() override {
         ProcessClass::SetUp();
         tree_.write("sys/devices/system/cpu/online", "0-1\n");
@@ -324,15 +342,17 @@ protected:
                  p.priority, (unsigned long long)ticks(p.start_s), p.rss_pages);
         std::string dir = "proc/" + std::to_string(p.pid) + "/";
         tree_.write(dir + "stat", stat);
-        tree_.write(dir + "status", "Name:\t" + p.name + "\nUid:\t" + std::to_string(p.uid) +
-                                        "\t0\t0\t0\n");
-        tree_.write(dir + "io", "rchar: " + std::to_string(p.rchar) + "\nwchar: " +
-                                    std::to_string(p.wchar) + "\nsyscr: " + std::to_string(p.syscr) +
-                                    "\nsyscw: " + std::to_string(p.syscw) + "\nread_bytes: " +
-                                    std::to_string(p.read_bytes) + "\nwrite_bytes: " +
-                                    std::to_string(p.write_bytes) + "\n");
+        tree_.write(dir + "status",
+                    "Name:\t" + p.name + "\nUid:\t" + std::to_string(p.uid) + "\t0\t0\t0\n");
+        tree_.write(dir + "io",
+                    "rchar: " + std::to_string(p.rchar) + "\nwchar: " + std::to_string(p.wchar) +
+                        "\nsyscr: " + std::to_string(p.syscr) + "\nsyscw: " +
+                        std::to_string(p.syscw) + "\nread_bytes: " + std::to_string(p.read_bytes) +
+                        "\nwrite_bytes: " + std::to_string(p.write_bytes) + "\n");
     }
-    void Remove(int pid) { std::filesystem::remove_all(tree_.root() + "/proc/" + std::to_string(pid)); }
+    void Remove(int pid) {
+        std::filesystem::remove_all(tree_.root() + "/proc/" + std::to_string(pid));
+    }
     vorntest::TempTree tree_;
 };
 
@@ -504,8 +524,8 @@ TEST_F(ScriptedProc, ChurnWhileConsolesReadTheTreeAndRulesAreEvaluated) {
     std::thread console([&] {
         while (!stop.load()) {
             int leaves = 0;
-            Traverse_Tree_for_leaves(Metric_Tree, [](treeNode*, void* n, void*) { ++*static_cast<int*>(n); },
-                                     &leaves);
+            Traverse_Tree_for_leaves(
+                Metric_Tree, [](treeNode*, void* n, void*) { ++*static_cast<int*>(n); }, &leaves);
             treeNode* found = nullptr;
             if (SearchDescription1("Process->churn->Rss (Kb)", Metric_Tree, &found, 0)) {
                 std::lock_guard<std::mutex> lock(expdef_mutex);
@@ -531,8 +551,10 @@ TEST_F(ScriptedProc, ChurnWhileConsolesReadTheTreeAndRulesAreEvaluated) {
     for (List* list : proc_list) {
         for (ListItem* it = list ? list->first : nullptr; it; it = it->next) {
             ProcessInfo* info = static_cast<ProcListItem*>(it->data)->info;
-            auto names = instance_names(find_node(std::string("Process->") + info->name + "->Priority"));
-            EXPECT_TRUE(std::binary_search(names.begin(), names.end(), std::to_string(info->record.pid)))
+            auto names =
+                instance_names(find_node(std::string("Process->") + info->name + "->Priority"));
+            EXPECT_TRUE(
+                std::binary_search(names.begin(), names.end(), std::to_string(info->record.pid)))
                 << info->name << " " << info->record.pid;
         }
     }
@@ -640,7 +662,8 @@ TEST_F(ProcessClass, LiveOwnProcessAndAVanishedChild) {
     }
     // The child names itself just after fork: wait until the kernel shows the new name.
     platform::ProcessSample s{};
-    for (int i = 0; i < 200 && !(platform::read_process(child, s) && strcmp(s.name, "vorn-vanish") == 0); ++i)
+    for (int i = 0;
+         i < 200 && !(platform::read_process(child, s) && strcmp(s.name, "vorn-vanish") == 0); ++i)
         usleep(10000);
     auto v = Scan();
     EXPECT_EQ(Value(v, getpid(), kParent), std::to_string(getppid()));

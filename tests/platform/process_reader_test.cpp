@@ -1,6 +1,7 @@
 // The process reader on a captured tree and on the live host.
 #include <dirent.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,8 +10,6 @@
 #include <fstream>
 #include <map>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "platform/process.h"
 #include "platform/roots.h"
@@ -42,7 +41,7 @@ int open_descriptors() {
 }
 
 class FixtureProcesses : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         saved_ = platform::roots();
         platform::Roots r;
