@@ -219,6 +219,7 @@ bool DataStream::open(std::string& err) {
     sock_ = std::move(s);
     framer_.reset();
     last_interval_ = 0;
+    got_packet_ = false;
     last_packet_ = Clock::now();
     return true;
 }
@@ -230,9 +231,11 @@ void DataStream::close() {
 
 int DataStream::silence_ms() const {
     // The agent's own sleep follows the interval it was started with, which may differ
-    // from the one asked for; allow three of the longer of the two.
+    // from the one asked for; allow three of the longer of the two. The header packet of
+    // a new connection walks every process first, which takes seconds on a busy host.
     int interval = std::max(interval_, last_interval_);
-    return timeout_ms_ + 3000 * std::max(interval, 1);
+    int allowance = timeout_ms_ + 3000 * std::max(interval, 1);
+    return got_packet_ ? allowance : allowance + 30000;
 }
 
 DataStream::Status DataStream::pump(Packet& out, std::string& err) {
@@ -244,6 +247,7 @@ DataStream::Status DataStream::pump(Packet& out, std::string& err) {
         switch (next_packet(framer_, out, err)) {
             case Framer::Result::kPacket:
                 last_packet_ = Clock::now();
+                got_packet_ = true;
                 if (out.interval > 0 && out.interval < 86400) last_interval_ = out.interval;
                 return Status::kPacket;
             case Framer::Result::kError:

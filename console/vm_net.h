@@ -94,6 +94,7 @@ private:
     int interval_;
     int timeout_ms_;
     int last_interval_ = 0;
+    bool got_packet_ = false;
     Socket sock_;
     Framer framer_;
     std::chrono::steady_clock::time_point last_packet_;

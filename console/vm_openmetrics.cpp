@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <set>
 
 namespace vornmon {
 namespace {
@@ -95,7 +94,7 @@ struct Family {
     std::string unit;
     std::string help;
     std::vector<std::string> samples;
-    std::set<std::string> label_sets;
+    std::map<std::string, std::size_t> by_labels;  // label set -> index in samples
 };
 
 }  // namespace
@@ -172,9 +171,13 @@ std::string openmetrics_text(const Sample* sample, bool up) {
                 f.unit = e.unit;
                 f.help = m.description;
             }
-            if (!f.label_sets.insert(labels).second) continue;  // one series per label set
-            f.samples.push_back(e.family + (labels.empty() ? "" : "{" + labels + "}") + " " +
-                                om_number(r.number * e.scale));
+            std::string line = e.family + (labels.empty() ? "" : "{" + labels + "}") + " " +
+                               om_number(r.number * e.scale);
+            // The first scan of a data connection can carry a series twice (the lines of the
+            // start-up pass go out with the first tick); the later value is the current one.
+            auto [slot, added] = f.by_labels.try_emplace(labels, f.samples.size());
+            if (added) f.samples.push_back(std::move(line));
+            else f.samples[slot->second] = std::move(line);
         }
     }
     std::string out;

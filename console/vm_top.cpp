@@ -88,7 +88,7 @@ void draw(const HostView* view, const std::string& source, SortKey sort, int scr
             ++y;
         }
     }
-    std::string keys = "q quit  c cpu  m memory  p pid  n name  i io  up/down scroll";
+    std::string keys = "q quit  c cpu  m memory  p pid  n name  i io  r renew names  up/down scroll";
     if (!status.empty()) keys = status + "   " + keys;
     attron(A_REVERSE);
     mvaddnstr(rows - 1, 0, keys.c_str(), cols);
@@ -140,6 +140,18 @@ int run_top_screen(const Context& ctx, const TopOptions& o) {
                     case 'p': case 'P': sort = SortKey::kPid; scroll = 0; break;
                     case 'n': case 'N': sort = SortKey::kName; scroll = 0; break;
                     case 'i': case 'I': sort = SortKey::kIo; scroll = 0; break;
+                    case 'r': case 'R':
+                        // Processes started after the header packet have no name on the wire;
+                        // a new data connection brings a header packet that names them.
+                        if (stream.open(err)) {
+                            session.reset();
+                            reconnector.connected();
+                            status = "reconnected";
+                        } else {
+                            status = "reconnecting: " + err;
+                            reconnector.lost();
+                        }
+                        break;
                     case KEY_DOWN: case 'j': ++scroll; break;
                     case KEY_UP: case 'k': scroll = std::max(0, scroll - 1); break;
                     case KEY_NPAGE: scroll += std::max(1, LINES / 2); break;

@@ -102,6 +102,15 @@ TEST(Exposition, FamiliesAreWholeAndLabelsEscaped) {
     quoted.readings.push_back({std::make_shared<Metric>(odd), true, 1.0, "1.00"});
     EXPECT_NE(openmetrics_text(&quoted, true).find("name=\"a\\\"b\\\\c\""), std::string::npos);
 
+    // A series sent twice in one packet is exposed once, with the later value.
+    Sample twice;
+    auto cpu = std::make_shared<Metric>(metric("Cpu~^1~^->Average Utilization::5::Overall::1,%,1"));
+    twice.readings.push_back({cpu, true, 1.0, "1.00"});
+    twice.readings.push_back({cpu, true, 2.0, "2.00"});
+    std::string once = openmetrics_text(&twice, true);
+    EXPECT_NE(once.find("vornrta_cpu_average_utilization_percent 2\n"), std::string::npos) << once;
+    EXPECT_EQ(once.find("vornrta_cpu_average_utilization_percent 1\n"), std::string::npos) << once;
+
     std::string empty = openmetrics_text(nullptr, false);
     EXPECT_NE(empty.find("vornmon_agent_up 0\n"), std::string::npos);
     EXPECT_EQ(empty.find("vornrta_"), std::string::npos);

@@ -57,6 +57,12 @@ TEST(Golden, HandMadeStreamDecodesToItsJson) {
     check_golden({"header.pkt", "data.pkt", "empty.pkt"}, "handmade.jsonl");
 }
 
+// Recorded from a running agent (trimmed to a few mounts and processes, the length prefixes
+// recomputed); the data packet also holds a process that started after the header packet.
+TEST(Golden, AgentCaptureDecodesToItsJson) {
+    check_golden({"agent-header.pkt", "agent-data.pkt"}, "agent.jsonl");
+}
+
 TEST(Golden, MalformedCapturesAreRefusedWithTheirReason) {
     struct Case {
         const char* file;

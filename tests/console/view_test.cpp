@@ -123,3 +123,32 @@ TEST(View, HumanFigures) {
     EXPECT_EQ(human_bytes(1536), "1.5KiB");
     EXPECT_EQ(human_bytes(5242880), "5.0MiB");
 }
+
+TEST(View, AgentCaptureTakesTheLaterOfRepeatedValues) {
+    // The agent's first tick after a connection sends the start-up pass's lines again
+    // ahead of its own: the view must show the later, current values.
+    Session session;
+    Sample out;
+    for (const char* name : {"agent-header.pkt", "agent-data.pkt"}) {
+        Framer f;
+        f.feed(fixture(name));
+        Packet p;
+        std::string err;
+        ASSERT_EQ(next_packet(f, p, err), Framer::Result::kPacket) << err;
+        ASSERT_TRUE(session.accept(p, out, err)) << err;
+    }
+    HostView v = build_view(out);
+    ASSERT_EQ(v.processors.size(), 2u);
+    EXPECT_DOUBLE_EQ(v.processors[1].split.total, 100.0);
+    ASSERT_FALSE(v.disks.empty());
+    EXPECT_EQ(v.disks[0].name, "vda");
+    EXPECT_DOUBLE_EQ(v.disks[0].bytes, 4096);
+    EXPECT_TRUE(v.net.present);
+    bool unnamed = false;
+    for (const ProcRow& p : v.processes)
+        if (p.pid == 15553) unnamed = p.name.empty() && p.user == "root";
+    EXPECT_TRUE(unnamed) << "a process started after the header packet has no name on the wire";
+    std::string text = render_text(layout_view(v, "x", SortKey::kPid, 100, -1), 100);
+    EXPECT_NE(text.find("  init\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("  ?\n"), std::string::npos) << text;
+}
