@@ -15,12 +15,10 @@
 #include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
 #include "agent/rtdc_server.h"
+#include "collectors/rtdc_config.h"
 #include "control/rta_cmdline.h"
 #include "control/rta_lock.h"
 #include "control/rta_priv.h"
-
-int GetNoCPUs();
-int GetConfigInfo();
 
 unsigned char PACKET[72];
 
@@ -74,8 +72,10 @@ void Terminate(int) {
     if (listener > 0) close(listener);
     unlink(rta_cmdline.lock_file);
     // Request and collection threads may still be running: leave without running static
-    // destructors under their feet.
-    fflush(nullptr);
+    // destructors under their feet. Only the standard streams are flushed: a request
+    // stream blocked in a read holds its lock, and the log is flushed at every entry.
+    fflush(stdout);
+    fflush(stderr);
     _exit(0);
 }
 
