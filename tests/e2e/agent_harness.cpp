@@ -322,10 +322,21 @@ std::string Client::read_packet(int timeout_ms) {
     }
 }
 
-std::string request(int port, const std::string& text, int timeout_ms) {
-    Client client(port);
+std::string request(int port, const std::string& text, int timeout_ms, const char* bind_addr) {
+    Client client(port, bind_addr);
     if (!client.ok() || !client.send(text)) return {};
     return client.read_to_end(timeout_ms);
+}
+
+std::string request_to_eof(int port, const std::string& text, int timeout_ms) {
+    Client client(port);
+    if (!client.ok() || !client.send(text)) return {};
+    client.finish_sending();
+    return client.read_to_end(timeout_ms);
+}
+
+void Client::finish_sending() {
+    if (fd_ >= 0) shutdown(fd_, SHUT_WR);
 }
 
 bool wait_for_log(const InstallRoot& root, const std::string& needle, int timeout_ms) {

@@ -69,6 +69,8 @@ public:
     /// Reads one whole packet (" \nBUFFERSIZE=nnnnnn\n" + body); empty on timeout/end.
     std::string read_packet(int timeout_ms);
     void close_now();
+    /// Ends the sending side so that a request read to end of stream completes.
+    void finish_sending();
 
 private:
     int fd_ = -1;
@@ -77,7 +79,10 @@ private:
 
 /// Sends one request on a fresh connection and returns everything the agent answered
 /// before it closed the connection.
-std::string request(int port, const std::string& text, int timeout_ms = 15000);
+std::string request(int port, const std::string& text, int timeout_ms = 15000,
+                    const char* bind_addr = nullptr);
+/// The same for requests whose payload ends at end of stream (<EVENT>, <EVENT_DEF>).
+std::string request_to_eof(int port, const std::string& text, int timeout_ms = 15000);
 
 /// Waits until the predicate on the log text holds.
 bool wait_for_log(const InstallRoot& root, const std::string& needle, int timeout_ms);
