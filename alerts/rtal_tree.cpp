@@ -18,7 +18,9 @@ namespace {
 constexpr size_t kMaxTokenText = 512;  // longer paths cannot be split and are "not found"
 constexpr int kTraceLevel = 9;         // the debug level that traces tree building
 
-bool tracing() { return verbose_flag.load(std::memory_order_relaxed) == kTraceLevel; }
+bool tracing() {
+    return verbose_flag.load(std::memory_order_relaxed) == kTraceLevel;
+}
 
 // Fixed-width copy: truncated to the field, always NUL-terminated.
 template <size_t N>
@@ -362,7 +364,8 @@ void TraverseTree(treeNode* node, TreeVisit visit, void* arg) {
         if (!n->child) visit(n, arg, arg);
         siblings.push_back(n);
     }
-    for (auto it = siblings.rbegin(); it != siblings.rend(); ++it) TraverseTree((*it)->child, visit, arg);
+    for (auto it = siblings.rbegin(); it != siblings.rend(); ++it)
+        TraverseTree((*it)->child, visit, arg);
 }
 
 void Traverse_Tree_for_leaves(treeNode* node, TreeVisit visit, void* arg) {

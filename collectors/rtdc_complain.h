@@ -5,7 +5,7 @@
 #include "agent/rtdc_log.h"
 
 class Complaint {
-public:
+  public:
     void fail(const char* text) {
         if (++count_ == next_) {
             RTDCAppendLog(text);
@@ -17,7 +17,7 @@ public:
         next_ = 1;
     }
 
-private:
+  private:
     long count_ = 0;
     long next_ = 1;
 };

@@ -25,7 +25,9 @@ void copy_field(char (&field)[N], const std::string& text) {
 }
 }  // namespace
 
-int64_t GetPhyMem() { return platform::physical_memory_kb(); }
+int64_t GetPhyMem() {
+    return platform::physical_memory_kb();
+}
 
 char* GetPlatform() {
     static char text[1024];
@@ -33,7 +35,9 @@ char* GetPlatform() {
     return text;
 }
 
-int GetNoCPUs() { return platform::configured_processors(); }
+int GetNoCPUs() {
+    return platform::configured_processors();
+}
 
 int GetConfigInfo() {
     phymem = GetPhyMem();

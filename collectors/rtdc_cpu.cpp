@@ -22,8 +22,8 @@ struct Percentages {
 };
 
 Percentages percentages(uint64_t idle, uint64_t user, uint64_t kernel, uint64_t wait) {
-    double t = static_cast<double>(idle) + static_cast<double>(user) +
-               static_cast<double>(kernel) + static_cast<double>(wait);
+    double t = static_cast<double>(idle) + static_cast<double>(user) + static_cast<double>(kernel) +
+               static_cast<double>(wait);
     if (t == 0) t = 1.0;  // no tick passed: every figure is 0
     Percentages p;
     p.system = static_cast<double>(kernel) / t * 100.0;
@@ -38,7 +38,8 @@ Percentages percentages(uint64_t idle, uint64_t user, uint64_t kernel, uint64_t 
 }
 }  // namespace
 
-platform::CpuTicks rtdc_tick_deltas(const platform::CpuTicks& now, const platform::CpuTicks& before) {
+platform::CpuTicks rtdc_tick_deltas(const platform::CpuTicks& now,
+                                    const platform::CpuTicks& before) {
     auto sub = [](uint64_t a, uint64_t b) { return a >= b ? a - b : 0; };
     return {sub(now.idle, before.idle), sub(now.user, before.user), sub(now.kernel, before.kernel),
             sub(now.wait, before.wait)};
@@ -84,7 +85,8 @@ int GetCPUClassInfo(char** headers, int* nheaders, char** buffers, int* nbuffers
     const platform::CpuTicks& sums = sample.total;
     if (header_flag == 1) {
         PerfCpu(nullptr, &rtdc_cpu_record);
-        if (start_rtdc == 1) rtdc_buffer_headers(headers, nheaders, &rtdc_cpu_record, CPUCounters, "Cpu");
+        if (start_rtdc == 1)
+            rtdc_buffer_headers(headers, nheaders, &rtdc_cpu_record, CPUCounters, "Cpu");
         if (counter_added == 0) AddCounter("Cpu", CPUCounters, &rtdc_cpu_record, Metric_Tree);
     } else {
         platform::CpuTicks d = rtdc_tick_deltas(sums, previous_sums);

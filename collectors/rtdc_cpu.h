@@ -38,7 +38,8 @@ int PerfMachine(ProcessorState* state, MachineRecord* record);
 ProcessorState* rtdc_processor_state(int kernel_cpu);
 
 /// Per-interval tick deltas; a counter that stepped back (the kernel's iowait can) gives 0.
-platform::CpuTicks rtdc_tick_deltas(const platform::CpuTicks& now, const platform::CpuTicks& before);
+platform::CpuTicks rtdc_tick_deltas(const platform::CpuTicks& now,
+                                    const platform::CpuTicks& before);
 
 /// Test hooks: forget previous ticks (host-wide class) and per-processor states (machine
 /// class). Only while no metric tree refers to them.

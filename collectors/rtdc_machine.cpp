@@ -76,7 +76,8 @@ int GetMachineClassInfo(char** headers, int* nheaders, char** buffers, int* nbuf
             if (name_table(s)) {
                 s.record.cpu_id = s.number;
                 s.record.clock_mhz = s.clock_mhz;
-                if (start_rtdc == 1) rtdc_buffer_headers(headers, nheaders, &s.record, s.table, "Cpu");
+                if (start_rtdc == 1)
+                    rtdc_buffer_headers(headers, nheaders, &s.record, s.table, "Cpu");
                 if (counter_added == 0) AddCounter("Cpu", s.table, &s.record, Metric_Tree);
             }
         } else if (s.table) {

@@ -13,7 +13,8 @@ int32_t ConfigClassIDs = 0, ObjTypes = 0, MeasurementTypes = 0, BufTypes = 0, De
 #define OFF(record, field) static_cast<int32_t>(offsetof(record, field))
 
 // Every configuration row is a data-only value described by its own name.
-#define CONFIG_ROW(name, type, field) {1, OFF(ConfigRecord, field), name, type, name, 0, "", 0}
+#define CONFIG_ROW(name, type, field) \
+    { 1, OFF(ConfigRecord, field), name, type, name, 0, "", 0 }
 
 CounterDef ConfigClass[] = {
     CONFIG_ROW("Config->_COLL_VER", 3, coll_ver),
@@ -37,10 +38,8 @@ CounterDef CPUCounters[] = {
     {1, OFF(CpuRecord, idle), " Mode Averages->Idle", 4, "CPU in Idle mode", 1, "%", 1},
     {1, OFF(CpuRecord, system), " Mode Averages->System", 4, "CPU  Utilizatoin in System mode", 1,
      "%", 1},
-    {1, OFF(CpuRecord, user), " Mode Averages->User", 4, "CPU Utilization in User mode", 1, "%",
-     1},
-    {1, OFF(CpuRecord, wait), " Mode Averages->Wait", 4, "CPU Utilizatoin in Wait mode", 1, "%",
-     1},
+    {1, OFF(CpuRecord, user), " Mode Averages->User", 4, "CPU Utilization in User mode", 1, "%", 1},
+    {1, OFF(CpuRecord, wait), " Mode Averages->Wait", 4, "CPU Utilizatoin in Wait mode", 1, "%", 1},
     {1, OFF(CpuRecord, total), "Average Utilization", 4, "Overall CPU Utilzation", 1, "%", 1},
     {},
 };
@@ -51,8 +50,8 @@ CounterDef DiskCounters[] = {
      1, "/Sec", 1},
     {1, OFF(DiskRecord, total_transfers), "Total Transfers", 4,
      "Total number of bytes read/written", 1, "/Sec", 1},
-    {1, OFF(DiskRecord, waiting), "Waiting Elements", 1, "Number of elements in Wait state", 1,
-     "#", 1},
+    {1, OFF(DiskRecord, waiting), "Waiting Elements", 1, "Number of elements in Wait state", 1, "#",
+     1},
     {1, OFF(DiskRecord, running), "Run State Elements", 1, "Number of elements in Run state", 1,
      "#", 1},
     {},
@@ -68,8 +67,8 @@ CounterDef MetricCounters[] = {
      1},
     {1, OFF(MetricRecord, cow_faults), " Paging by Type-> Cow", 4, "Copy On Write page faults", 1,
      "/Sec", 1},
-    {1, OFF(MetricRecord, zfod_faults), " Paging by Type-> Zfod", 4, "Zero Filled on Demand PFs",
-     1, "/Sec", 1},
+    {1, OFF(MetricRecord, zfod_faults), " Paging by Type-> Zfod", 4, "Zero Filled on Demand PFs", 1,
+     "/Sec", 1},
     {1, OFF(MetricRecord, prot_faults), " Paging by Type-> Protection", 4, "Protection PFs", 1,
      "/Sec", 1},
     {1, OFF(MetricRecord, softlock_faults), " Paging by Type-> Soft Lock", 4, "SoftLock PFs", 1,
@@ -84,9 +83,11 @@ CounterDef MetricCounters[] = {
 };
 
 // Row k reads the k-th 64-bit field of the network record.
-#define NET_ROW(k, name, type, description) \
-    {1, static_cast<int32_t>(offsetof(NetRecord, value) + (k) * sizeof(int64_t)), name, type, \
-     description, 0, "/Sec", 1}
+#define NET_ROW(k, name, type, description)                                                      \
+    {                                                                                            \
+        1, static_cast<int32_t>(offsetof(NetRecord, value) + (k) * sizeof(int64_t)), name, type, \
+            description, 0, "/Sec", 1                                                            \
+    }
 
 CounterDef NetCounters[] = {
     NET_ROW(0, "TCP->Packet Rate->Sent", 6, "TCP Segments sent"),
@@ -100,8 +101,7 @@ CounterDef NetCounters[] = {
     NET_ROW(8, "TCP->Received Packets Breakdown->In Order", 6, "TCP InOrder Segments Received"),
     NET_ROW(9, "TCP->Received Packets Breakdown->Out of Order", 6,
             "TCP Out of Order Segments Received"),
-    NET_ROW(10, "TCP->Received Packets Breakdown->Duplicate", 6,
-            "TCP Duplicate Segments Received"),
+    NET_ROW(10, "TCP->Received Packets Breakdown->Duplicate", 6, "TCP Duplicate Segments Received"),
     NET_ROW(11, "TCP->Received Packets Breakdown->Acknowledgment", 6, "TCP Ack Segments Received"),
     NET_ROW(12, "TCP->Received Packets Breakdown->Duplicate Ack ", 6,
             "TCP Duplicate ACK Segments Received"),
@@ -177,13 +177,27 @@ CounterDef MachineCounters[] = {
 #undef OFF
 
 // Row counts include the terminating row: collectors size per-instance copies with them.
-int CPU_FIELDS() { return static_cast<int>(std::size(CPUCounters)); }
-int DISK_FIELDS() { return static_cast<int>(std::size(DiskCounters)); }
-int METRIC_FIELDS() { return static_cast<int>(std::size(MetricCounters)); }
-int NET_FIELDS() { return static_cast<int>(std::size(NetCounters)); }
-int PROC_FIELDS() { return static_cast<int>(std::size(ProcessCounters)); }
-int FS_FIELDS() { return static_cast<int>(std::size(FsCounters)); }
-int MAC_FIELDS() { return static_cast<int>(std::size(MachineCounters)); }
+int CPU_FIELDS() {
+    return static_cast<int>(std::size(CPUCounters));
+}
+int DISK_FIELDS() {
+    return static_cast<int>(std::size(DiskCounters));
+}
+int METRIC_FIELDS() {
+    return static_cast<int>(std::size(MetricCounters));
+}
+int NET_FIELDS() {
+    return static_cast<int>(std::size(NetCounters));
+}
+int PROC_FIELDS() {
+    return static_cast<int>(std::size(ProcessCounters));
+}
+int FS_FIELDS() {
+    return static_cast<int>(std::size(FsCounters));
+}
+int MAC_FIELDS() {
+    return static_cast<int>(std::size(MachineCounters));
+}
 
 CounterDef* rtdc_instance_table(const CounterDef* table, int rows, const char* instance) {
     if (!table || rows < 1) return nullptr;

@@ -7,14 +7,17 @@
 #include "packet/rtdc_buffer.h"
 
 #include <charconv>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string_view>
 
 #include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
+#include "packet/rtdc_lines.h"
 
 char* rtdc_data_headers[kMaxLines];
 char* rtdc_data_buffers[kMaxLines];
@@ -23,21 +26,59 @@ int n_rtdc_header_len = 0, n_rtdc_data_len = 0;
 
 namespace {
 
-constexpr size_t kHeaderLine = 256;         // one header line
-constexpr size_t kProcessHeaderLine = 2048; // one process header line
-constexpr size_t kDataString = 2048;        // all data lines of one class instance
+constexpr size_t kHeaderLine = 256;          // one header line
+constexpr size_t kProcessHeaderLine = 2048;  // one process header line
+constexpr size_t kDataString = 2048;         // all data lines of one class instance
+
+// "%.2f" of v into [out, limit), returning the end. printf rounds the exact binary value to
+// nearest, ties to even. Below 2^52 the value is m * 2^-s with an integer m of 53 bits, so
+// v * 100 = (m * 100) / 2^s is rounded here in integer arithmetic, exactly, without a
+// general conversion; larger values, infinities and NaN take the library's path.
+char* fixed2(double v, char* out, char* limit) {
+    constexpr double kExactLimit = 4503599627370496.0;  // 2^52
+    if (std::isfinite(v) && std::fabs(v) < kExactLimit && limit - out >= 32) {
+        uint64_t bits;
+        memcpy(&bits, &v, sizeof bits);
+        const int biased = static_cast<int>((bits >> 52) & 0x7FF);
+        const uint64_t fraction = bits & ((uint64_t{1} << 52) - 1);
+        const uint64_t m = biased ? fraction | (uint64_t{1} << 52) : fraction;
+        const int shift = biased ? 1075 - biased : 1074;  // v = m / 2^shift, shift >= 1 here
+        const unsigned __int128 scaled = static_cast<unsigned __int128>(m) * 100;  // < 2^60
+        uint64_t cents = 0;  // the whole of v * 100, rounded
+        if (shift < 128) {
+            const auto q = static_cast<uint64_t>(scaled >> shift);
+            const unsigned __int128 rest = scaled - (static_cast<unsigned __int128>(q) << shift);
+            const unsigned __int128 half = static_cast<unsigned __int128>(1) << (shift - 1);
+            cents = q;
+            if (rest > half || (rest == half && (q & 1))) ++cents;
+        }  // else v * 100 < 2^-68: rounds to 0
+        char* p = out;
+        if (bits >> 63) *p++ = '-';
+        p = std::to_chars(p, limit, cents / 100).ptr;
+        const auto c = static_cast<unsigned>(cents % 100);
+        p[0] = '.';
+        p[1] = static_cast<char>('0' + c / 10);
+        p[2] = static_cast<char>('0' + c % 10);
+        return p + 3;
+    }
+    auto r = std::to_chars(out, limit, v, std::chars_format::fixed, 2);
+    if (r.ec == std::errc()) return r.ptr;
+    int n = snprintf(out, static_cast<size_t>(limit - out), "%.2f", v);
+    return out + (n > 0 && n < limit - out ? n : 0);
+}
 
 // Appends into a fixed buffer the way successive snprintf calls would: what does not fit is
 // cut, and the text stays NUL-terminated.
 class LineBuilder {
-public:
-    LineBuilder(char* buffer, size_t capacity) : begin_(buffer), p_(buffer), end_(buffer + capacity - 1) {
+  public:
+    LineBuilder(char* buffer, size_t capacity)
+        : begin_(buffer), p_(buffer), end_(buffer + capacity - 1) {
         *p_ = '\0';
     }
 
     void put(const char* text, size_t n) {
         size_t room = static_cast<size_t>(end_ - p_);
-        if (n > room) n = room;
+        if (n > room) n = room;  // cut, as snprintf would
         memcpy(p_, text, n);
         p_ += n;
     }
@@ -48,6 +89,10 @@ public:
     // A fixed-width text field: stops at its NUL or at the field's end.
     void put_field(const char* field, size_t width) { put(field, strnlen(field, width)); }
     void put_int(long long v) {
+        if (v >= 0 && v < 10) {  // markers, flags and small ids
+            put(static_cast<char>('0' + v));
+            return;
+        }
         char tmp[24];
         auto r = std::to_chars(tmp, tmp + sizeof tmp, v);
         put(tmp, static_cast<size_t>(r.ptr - tmp));
@@ -59,14 +104,13 @@ public:
         put(tmp, 8);
     }
     void put_fixed2(double v) {  // "%.2f", rounded exactly as printf rounds
-        char tmp[400];
-        auto r = std::to_chars(tmp, tmp + sizeof tmp, v, std::chars_format::fixed, 2);
-        if (r.ec == std::errc()) {
-            put(tmp, static_cast<size_t>(r.ptr - tmp));
-        } else {
-            int n = snprintf(tmp, sizeof tmp, "%.2f", v);
-            if (n > 0) put(tmp, static_cast<size_t>(n) < sizeof tmp ? n : sizeof tmp - 1);
+        if (end_ - p_ >= 400) {  // room for any value: write in place
+            p_ = fixed2(v, p_, end_);
+            return;
         }
+        char tmp[400];
+        char* end = fixed2(v, tmp, tmp + sizeof tmp);
+        put(tmp, static_cast<size_t>(end - tmp));
     }
     void put_g(double v) {  // "%g"
         char tmp[64];
@@ -80,11 +124,32 @@ public:
         return begin_;
     }
 
-private:
+  private:
     char* begin_;
     char* p_;
     char* end_;
 };
+
+// Rows are 416 bytes apart and a walk reads fields on several cache lines of each row; a
+// table copy of a large host is rarely in cache. Asking for the lines of the first rows at
+// once lets the memory system fetch them in parallel instead of one miss after another.
+// Prefetching past the end of a table is harmless: a prefetch never faults.
+constexpr int kPrefetchRows = 8;
+
+void prefetch_for_data(const CounterDef* table) {
+    for (int i = 0; i < kPrefetchRows; ++i) {
+        __builtin_prefetch(&table[i].id);
+        __builtin_prefetch(&table[i].type);
+    }
+}
+
+void prefetch_for_headers(const CounterDef* table) {
+    for (int i = 0; i < kPrefetchRows; ++i) {
+        __builtin_prefetch(&table[i].id, 1);
+        __builtin_prefetch(&table[i].type);
+        __builtin_prefetch(&table[i].marker);
+    }
+}
 
 // Values are read at record start plus the row's offset, with the width the type gives.
 template <typename T>
@@ -96,19 +161,6 @@ T value_at(const void* record, int32_t offset) {
 
 const char* text_at(const void* record, int32_t offset) {
     return static_cast<const char*>(record) + offset;
-}
-
-// Stores a copy of exactly length + 1 bytes as the next entry. False when the array is
-// full or memory ran out; the line is then dropped.
-bool store_line(char** lines, int* count, int* total_len, const char* text, size_t len) {
-    if (*count < 0 || *count >= kMaxLines) return false;
-    auto* copy = static_cast<char*>(malloc(len + 1));
-    if (!copy) return false;
-    memcpy(copy, text, len);
-    copy[len] = '\0';
-    lines[(*count)++] = copy;
-    *total_len += static_cast<int>(len + 1);
-    return true;
 }
 
 // "::%d::%s::%d,%s,%d": id, description, marker, units, is_counter.
@@ -133,28 +185,29 @@ std::string_view separator_for(const CounterDef& row) {
 // carries no header value.
 bool put_header_value(LineBuilder& line, const CounterDef& row, const void* record) {
     switch (row.type) {
-    case 10:
-    case 15:
-        line.put(',');
-        line.put_int(value_at<int32_t>(record, row.offset));
-        return true;
-    case 11:
-    case 16:
-        line.put(',');
-        line.put(text_at(record, row.offset), strlen(text_at(record, row.offset)));
-        return true;
-    case 12:
-    case 17:
-        line.put(',');
-        line.put_hex8(value_at<uint32_t>(record, row.offset));
-        return true;
-    case 13:
-    case 18:
-        line.put(',');
-        line.put_g(value_at<double>(record, row.offset));
-        return true;
-    default:
-        return false;
+        case 10:
+        case 15:
+            line.put(',');
+            line.put_int(value_at<int32_t>(record, row.offset));
+            return true;
+        case 11:
+        case 16:
+            line.put(',');
+            line.put(text_at(record, row.offset),
+                     strnlen(text_at(record, row.offset), kDataString));
+            return true;
+        case 12:
+        case 17:
+            line.put(',');
+            line.put_hex8(value_at<uint32_t>(record, row.offset));
+            return true;
+        case 13:
+        case 18:
+            line.put(',');
+            line.put_g(value_at<double>(record, row.offset));
+            return true;
+        default:
+            return false;
     }
 }
 
@@ -162,17 +215,17 @@ bool put_header_value(LineBuilder& line, const CounterDef& row, const void* reco
 // hexadecimal types as 64 bits.
 bool put_process_header_value(LineBuilder& line, const CounterDef& row, const void* record) {
     switch (row.type) {
-    case 12:
-    case 17:
-        line.put(',');
-        line.put_hex8(static_cast<uint32_t>(value_at<uint64_t>(record, row.offset)));
-        return true;
-    case 20:
-        line.put(',');
-        line.put_int(value_at<int64_t>(record, row.offset));
-        return true;
-    default:
-        return put_header_value(line, row, record);
+        case 12:
+        case 17:
+            line.put(',');
+            line.put_hex8(static_cast<uint32_t>(value_at<uint64_t>(record, row.offset)));
+            return true;
+        case 20:
+            line.put(',');
+            line.put_int(value_at<int64_t>(record, row.offset));
+            return true;
+        default:
+            return put_header_value(line, row, record);
     }
 }
 
@@ -180,13 +233,15 @@ bool put_process_header_value(LineBuilder& line, const CounterDef& row, const vo
 
 int rtdc_buffer_headers(char** headers, int* count, const void* data_record, CounterDef* table,
                         const char* class_prefix) {
+    if (table) prefetch_for_headers(table);
     rtdc_FillIds(table);
     int added = 0;
     const std::string_view prefix = class_prefix ? class_prefix : "";
     for (const CounterDef* row = table; row && row->id != 0; ++row) {
         if (row->is_counter != 0 && row->is_counter != 1) continue;
-        char buffer[kHeaderLine];
-        LineBuilder line(buffer, sizeof buffer);
+        char local[kHeaderLine];
+        char* room = rtdc_lines::reserve(headers, *count, kHeaderLine);
+        LineBuilder line(room ? room : local, kHeaderLine);
         line.put(prefix);
         line.put(separator_for(*row));
         line.put_field(row->name, sizeof row->name);
@@ -195,7 +250,7 @@ int rtdc_buffer_headers(char** headers, int* count, const void* data_record, Cou
         if (row->is_counter == 0 && !put_header_value(line, *row, data_record)) continue;
         line.put('\n');
         const char* text = line.finish();
-        if (store_line(headers, count, &n_rtdc_header_len, text, line.size())) ++added;
+        if (rtdc_lines::store(headers, count, &n_rtdc_header_len, text, line.size())) ++added;
     }
     return added;
 }
@@ -209,8 +264,10 @@ int rtdc_buffer_process_headers(char** headers, int* count, CounterDef* table,
     const std::string_view pid_view(pid_text, static_cast<size_t>(r.ptr - pid_text));
     const std::string_view name = process_name ? process_name : "";
     for (const CounterDef* row = table; row && row->id != 0; ++row) {
-        char buffer[kProcessHeaderLine];
-        LineBuilder line(buffer, sizeof buffer);
+        char local[kProcessHeaderLine];
+        char* room = rtdc_lines::reserve(headers, *count, kProcessHeaderLine);
+        char* buffer = room ? room : local;
+        LineBuilder line(buffer, kProcessHeaderLine);
         bool made = false;
         if (row->is_counter == 0 || row->is_counter == 1) {
             line.put("Process");
@@ -226,83 +283,82 @@ int rtdc_buffer_process_headers(char** headers, int* count, CounterDef* table,
         }
         // Consoles count process header entries, so a row that makes no line still takes
         // one entry: an empty string.
-        if (!made) line = LineBuilder(buffer, sizeof buffer);
+        if (!made) line = LineBuilder(buffer, kProcessHeaderLine);
         const char* text = line.finish();
-        store_line(headers, count, &n_rtdc_header_len, text, line.size());
+        rtdc_lines::store(headers, count, &n_rtdc_header_len, text, line.size());
     }
     return 1;
 }
 
 int rtdc_buffer_data(char** buffers, int* count, const void* data_record, const CounterDef* table) {
-    char buffer[kDataString];
-    LineBuilder line(buffer, sizeof buffer);
+    if (table) prefetch_for_data(table);
+    char local[kDataString];
+    char* room = rtdc_lines::reserve(buffers, *count, kDataString);
+    LineBuilder line(room ? room : local, kDataString);
     int index = 0;
     for (const CounterDef* row = table; row && row->id != 0; ++row, ++index) {
         const int32_t type = row->type;
         if (type >= 10 && type <= 14) continue;  // header-only attributes
         switch (type) {
-        case 1:
-        case 9:
-        case 15:
-        case 2:
-        case 3:
-        case 16:
-        case 4:
-        case 18:
-        case 6:
-        case 7:
-        case 8:
-        case 17:
-            break;
-        default:
-            rtdc_logf("Unknown type in meta data %d, m[%d].id = %d\n", type, index, row->id);
-            continue;
+            case 1:
+            case 9:
+            case 15:
+            case 2:
+            case 3:
+            case 16:
+            case 4:
+            case 18:
+            case 6:
+            case 7:
+            case 8:
+            case 17:
+                break;
+            default:
+                rtdc_logf("Unknown type in meta data %d, m[%d].id = %d\n", type, index, row->id);
+                continue;
         }
         line.put_int(row->id);
         line.put('=');
         switch (type) {
-        case 1:
-        case 15:
-            line.put_int(value_at<int32_t>(data_record, row->offset));
-            break;
-        case 9:
-            line.put_int(value_at<int16_t>(data_record, row->offset));
-            break;
-        case 2:
-        case 6:
-            line.put_int(value_at<int64_t>(data_record, row->offset));
-            break;
-        case 3:
-        case 16: {
-            const char* text = text_at(data_record, row->offset);
-            line.put(text, strlen(text));
-            break;
-        }
-        case 4:
-        case 18:
-            line.put_fixed2(value_at<double>(data_record, row->offset));
-            break;
-        case 7:
-            line.put_fixed2(static_cast<double>(value_at<float>(data_record, row->offset)));
-            break;
-        default:  // 8 and 17: a 64-bit value, its low 32 bits printed
-            line.put_hex8(static_cast<uint32_t>(value_at<uint64_t>(data_record, row->offset)));
-            break;
+            case 1:
+            case 15:
+                line.put_int(value_at<int32_t>(data_record, row->offset));
+                break;
+            case 9:
+                line.put_int(value_at<int16_t>(data_record, row->offset));
+                break;
+            case 2:
+            case 6:
+                line.put_int(value_at<int64_t>(data_record, row->offset));
+                break;
+            case 3:
+            case 16: {
+                const char* text = text_at(data_record, row->offset);
+                line.put(text, strnlen(text, kDataString));  // never beyond what one line can hold
+                break;
+            }
+            case 4:
+            case 18:
+                line.put_fixed2(value_at<double>(data_record, row->offset));
+                break;
+            case 7:
+                line.put_fixed2(static_cast<double>(value_at<float>(data_record, row->offset)));
+                break;
+            default:  // 8 and 17: a 64-bit value, its low 32 bits printed
+                line.put_hex8(static_cast<uint32_t>(value_at<uint64_t>(data_record, row->offset)));
+                break;
         }
         line.put('\n');
     }
     const char* text = line.finish();
-    if (!store_line(buffers, count, &n_rtdc_data_len, text, line.size())) return 0;
+    if (!rtdc_lines::store(buffers, count, &n_rtdc_data_len, text, line.size())) return 0;
     return static_cast<int>(line.size() + 1);
 }
 
 void rtdc_free_lines(char** lines, int* count, int* total_len) {
     int n = *count;
     if (n > kMaxLines) n = kMaxLines;
-    for (int i = 0; i < n; ++i) {
-        free(lines[i]);
-        lines[i] = nullptr;
-    }
+    rtdc_lines::release(lines, n < 0 ? 0 : n);
     *count = 0;
     *total_len = 0;
 }

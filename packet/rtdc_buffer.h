@@ -7,7 +7,9 @@
 
 inline constexpr int kMaxLines = 0x10000;
 
-// Each entry owns one malloc'd string; unused entries are null.
+// Each entry is one NUL-terminated string of exactly its length + 1 bytes; unused entries are
+// null. The array owns its strings: release them with rtdc_free_lines (a string a caller puts
+// into an entry itself must be malloc'd, and is then freed with free()).
 extern char* rtdc_data_headers[kMaxLines];
 extern char* rtdc_data_buffers[kMaxLines];
 extern int n_rtdc_data_headers, n_rtdc_data_buffers;

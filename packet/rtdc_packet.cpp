@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string_view>
@@ -17,6 +18,7 @@
 #include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
 #include "packet/rtdc_buffer.h"
+#include "packet/rtdc_lines.h"
 
 namespace {
 
@@ -45,7 +47,7 @@ size_t section_length(char** lines, int count, std::vector<size_t>& lengths, std
     if (count == 0) return empty.size();
     size_t total = open.size() + close.size();
     for (int i = 0; i < count; ++i) {
-        size_t n = lines[i] ? strlen(lines[i]) : 0;
+        size_t n = rtdc_lines::length(lines, i);
         lengths.push_back(n);
         total += n;
     }
@@ -158,6 +160,27 @@ int rtdc_packetize_data(char** headers, int header_count, char** buffers, int bu
 
     PacketNumber.store(number + 1, std::memory_order_relaxed);
     return 1;
+}
+
+char* rtdc_packet_buffer(int length_hint) {
+    static char* buffer = nullptr;
+    static size_t capacity = 0;
+    const size_t size = static_cast<size_t>(length_hint > 0 ? length_hint : 0) + 8192;
+    // Grow with some headroom so a host that adds a few lines does not reallocate every
+    // scan; give the memory back when the packets became much smaller.
+    if (size > capacity || (capacity > (size_t{4} << 20) && size < capacity / 4)) {
+        size_t want = size + size / 4;
+        auto* fresh = static_cast<char*>(malloc(want));
+        if (!fresh) {
+            if (size > capacity) return nullptr;
+        } else {
+            free(buffer);
+            buffer = fresh;
+            capacity = want;
+        }
+    }
+    buffer[0] = '\0';
+    return buffer;
 }
 
 int rtdc_send_packet(int fd, const char* text, int trace) {

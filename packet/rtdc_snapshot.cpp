@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <mutex>
 
 #include "agent/rtdc_globals.h"
@@ -27,8 +26,8 @@ SnapshotClass classes[] = {
      "vornrta: error getdisk class...\n"},
     {"GetNetClassInfo", "GetNetClassInfo", false, &RtaCmdline::class_net, true, GetNetClassInfo,
      "vornrta: GetNetClassInfo returned error ...\n"},
-    {"GetFsClassInfo", "GetFsStatClassInfo", false, &RtaCmdline::class_fs, true,
-     GetFsStatClassInfo, "vornrta: error get fs class...\n"},
+    {"GetFsClassInfo", "GetFsStatClassInfo", false, &RtaCmdline::class_fs, true, GetFsStatClassInfo,
+     "vornrta: error get fs class...\n"},
     {"GetProcessClassInfo", "GetProcessClassInfo", true, &RtaCmdline::class_process, false,
      GetProcessClassInfo, "error get process class..."},
 };
@@ -36,18 +35,6 @@ SnapshotClass classes[] = {
 bool enabled(const SnapshotClass& c, const RtaCmdline* settings) {
     if (settings->*c.own_switch == 1) return true;
     return c.all_switch && settings->collect_default == 1;
-}
-
-struct FreeDeleter {
-    void operator()(char* p) const { free(p); }
-};
-// The packet is released however the pass ends: a failed send ends the collection thread
-// by unwinding through here.
-using PacketBuffer = std::unique_ptr<char, FreeDeleter>;
-
-PacketBuffer zeroed_packet(int length_hint) {
-    size_t size = static_cast<size_t>(length_hint > 0 ? length_hint : 0) + 8192;
-    return PacketBuffer(static_cast<char*>(calloc(1, size)));
 }
 
 }  // namespace
@@ -69,17 +56,17 @@ int SnapshotHeader(RtaCmdline* settings, char** headers, int* header_count, char
         c.collect(headers, header_count, buffers, buffer_count, 1, verbose);
     }
     if (verbose)
-        rtdc_logf("SnapshotHeader: building packet ..(Headers %d, Databufs %d)  (Header Len %d, "
-                  "DataLen %d)\n",
-                  *header_count, *buffer_count, n_rtdc_header_len, n_rtdc_data_len);
+        rtdc_logf(
+            "SnapshotHeader: building packet ..(Headers %d, Databufs %d)  (Header Len %d, "
+            "DataLen %d)\n",
+            *header_count, *buffer_count, n_rtdc_header_len, n_rtdc_data_len);
 
     // A header packet also carries whatever data strings exist, so it is sized for both.
     const int hint = n_rtdc_header_len + n_rtdc_data_len;
-    PacketBuffer packet = zeroed_packet(hint);
+    char* packet = rtdc_packet_buffer(hint);
     if (!packet) return 0;
-    rtdc_packetize_data(headers, *header_count, buffers, *buffer_count, packet.get(), hint);
-    if (start_rtdc == 1) rtdc_send_packet(ctrl_sock, packet.get(), 0);
-    packet.reset();
+    rtdc_packetize_data(headers, *header_count, buffers, *buffer_count, packet, hint);
+    if (start_rtdc == 1) rtdc_send_packet(ctrl_sock, packet, 0);
     FirstPass = 0;
     counter_added = 1;
     return 1;
@@ -100,20 +87,20 @@ int Snapshot(RtaCmdline* settings, char** headers, int* header_count, char** buf
         }
     }
     if (verbose)
-        rtdc_logf("Snapshot: building packet ..(Headers %d, Databufs %d)  (Header Len %d, "
-                  "DataLen %d)\n",
-                  *header_count, *buffer_count, n_rtdc_header_len, n_rtdc_data_len);
+        rtdc_logf(
+            "Snapshot: building packet ..(Headers %d, Databufs %d)  (Header Len %d, "
+            "DataLen %d)\n",
+            *header_count, *buffer_count, n_rtdc_header_len, n_rtdc_data_len);
 
-    PacketBuffer packet = zeroed_packet(n_rtdc_data_len);
+    char* packet = rtdc_packet_buffer(n_rtdc_data_len);
     if (!packet) {
         rtdc_logf("vornrta: malloc failed on packet_buffer (len = %d)...\n",
                   n_rtdc_data_len + 8192);
         return 0;
     }
     // A data packet never carries header lines, even ones a collector appended just now.
-    rtdc_packetize_data(headers, 0, buffers, *buffer_count, packet.get(), n_rtdc_data_len);
-    if (send == 1 && start_rtdc == 1) rtdc_send_packet(ctrl_sock, packet.get(), 0);
-    packet.reset();
+    rtdc_packetize_data(headers, 0, buffers, *buffer_count, packet, n_rtdc_data_len);
+    if (send == 1 && start_rtdc == 1) rtdc_send_packet(ctrl_sock, packet, 0);
     if (verbose) RTDCAppendLog("Snapshot:  returning...\n");
     return 1;
 }

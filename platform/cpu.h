@@ -17,7 +17,7 @@ struct CpuTicks {
 
 /// One processor that is present (on line) now.
 struct ProcessorTicks {
-    int cpu = 0;        // the kernel's processor number; gaps where processors are off line
+    int cpu = 0;  // the kernel's processor number; gaps where processors are off line
     CpuTicks ticks;
     int clock_mhz = 0;  // filled only when asked for; 0 when unknown
 };

@@ -1,5 +1,7 @@
 // Host description on Linux: sysconf for memory and processors, the DMI product name for
 // the platform (absent in many virtual machines and containers), uname, and the resolver.
+#include "platform/config.h"
+
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -10,7 +12,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/config.h"
 #include "platform/roots.h"
 
 namespace platform {

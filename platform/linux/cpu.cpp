@@ -2,6 +2,8 @@
 // each "cpuN" line is one processor that is on line now. Fields, in USER_HZ ticks: user
 // nice system idle iowait irq softirq steal guest guest_nice; guest time is already inside
 // user and nice, so it is not added again. Older kernels print fewer fields.
+#include "platform/cpu.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -13,7 +15,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/cpu.h"
 #include "platform/roots.h"
 
 namespace platform {

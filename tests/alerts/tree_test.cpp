@@ -2,9 +2,11 @@
 // the leaf walk.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "agent/rtdc_globals.h"
@@ -12,8 +14,8 @@
 
 namespace {
 
-CounterDef Row(const char* name, const char* description, int type, int is_counter,
-               int offset = 0, int marker = 1, const char* units = "%") {
+CounterDef Row(const char* name, const char* description, int type, int is_counter, int offset = 0,
+               int marker = 1, const char* units = "%") {
     CounterDef row{};
     row.id = 1;
     row.offset = offset;
@@ -43,7 +45,7 @@ std::vector<CounterDef> ProcessLikeTable() {
 }
 
 class TreeTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         auto* md = static_cast<MetricDescription*>(calloc(1, sizeof(MetricDescription)));
         snprintf(md->description, sizeof md->description, "testhost");
@@ -77,7 +79,8 @@ TEST(TokenList, SplitsAtEveryDashAndGreaterThanWithoutEmptyTokens) {
     List* tokens = nullptr;
     ASSERT_EQ(CreateTokenList(text, "->", &tokens), 1);
     std::vector<std::string> got;
-    for (ListItem* it = tokens->first; it; it = it->next) got.emplace_back(static_cast<char*>(it->data));
+    for (ListItem* it = tokens->first; it; it = it->next)
+        got.emplace_back(static_cast<char*>(it->data));
     EXPECT_EQ(got, (std::vector<std::string>{"TCP", "Packet Rate", "Sent", "x", "y"}));
     EXPECT_STREQ(text, "TCP");  // the caller's text is cut at the first separator
     DestroyList(tokens);
@@ -256,6 +259,39 @@ TEST_F(TreeTest, LeafWalkVisitsSiblingsBeforeChildren) {
     seen.clear();
     TraverseTree(nullptr, Collect, &seen);
     EXPECT_TRUE(seen.empty());
+}
+
+void CountLeaf(treeNode*, void* arg, void*) {
+    ++*static_cast<int*>(arg);
+}
+
+TEST_F(TreeTest, WritersAndReadersShareTheTreeUnderItsLock) {
+    // A collection thread adding and dropping processes while request threads resolve paths
+    // and walk leaves: every entry point takes the tree lock itself.
+    auto table = ProcessLikeTable();
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        char base[32] = {};
+        for (int round = 0; round < 200; ++round) {
+            AddProcessCounter("worker", table.data(), base, root, 1000 + round);
+            treeNode* proc = nullptr;
+            if (SearchDescription1("Process->worker", root, &proc, 0) && round % 10 == 9)
+                RemoveNode(proc);
+        }
+        done = true;
+    });
+    std::thread reader([&] {
+        while (!done) {
+            int leaves = 0;
+            Traverse_Tree_for_leaves(root, CountLeaf, &leaves);  // the root itself is stable
+            treeNode* found = nullptr;
+            SearchDescription1("Process->worker->Rss (Kb)", root, &found, 0);
+        }
+    });
+    writer.join();
+    reader.join();
+    treeNode* proc = Find("Process->worker");
+    ASSERT_EQ(proc, nullptr);  // the last round removed it
 }
 
 TEST(TreeRoot, CreatedOnceWithRootText) {

@@ -88,7 +88,7 @@ TEST(PerfMachine, SameArithmeticPerProcessorWithNumberAndClock) {
 
 // Runs the real classes on the fixture trees with fresh line arrays, ids and tree.
 class ProcessorClasses : public vorntest::RootsTest {
-protected:
+  protected:
     void SetUp() override {
         rtdc_cpu_reset_for_tests();
         rtdc_machine_reset_for_tests();
@@ -130,12 +130,13 @@ protected:
 TEST_F(ProcessorClasses, HostWidePercentagesFromFixtureDeltas) {
     vorntest::use_fixture("cpu-smp-1");
     ASSERT_EQ(Run(GetCPUClassInfo, 1), 1);
-    EXPECT_EQ(Headers(), (std::vector<std::string>{
-                             "Cpu~^1~^-> Mode Averages->Idle::1::CPU in Idle mode::1,%,1\n",
-                             "Cpu~^1~^-> Mode Averages->System::2::CPU  Utilizatoin in System mode::1,%,1\n",
-                             "Cpu~^1~^-> Mode Averages->User::3::CPU Utilization in User mode::1,%,1\n",
-                             "Cpu~^1~^-> Mode Averages->Wait::4::CPU Utilizatoin in Wait mode::1,%,1\n",
-                             "Cpu~^1~^->Average Utilization::5::Overall CPU Utilzation::1,%,1\n"}));
+    EXPECT_EQ(Headers(),
+              (std::vector<std::string>{
+                  "Cpu~^1~^-> Mode Averages->Idle::1::CPU in Idle mode::1,%,1\n",
+                  "Cpu~^1~^-> Mode Averages->System::2::CPU  Utilizatoin in System mode::1,%,1\n",
+                  "Cpu~^1~^-> Mode Averages->User::3::CPU Utilization in User mode::1,%,1\n",
+                  "Cpu~^1~^-> Mode Averages->Wait::4::CPU Utilizatoin in Wait mode::1,%,1\n",
+                  "Cpu~^1~^->Average Utilization::5::Overall CPU Utilzation::1,%,1\n"}));
     ASSERT_NE(Find("Cpu-> Mode Averages->Idle"), nullptr);
     Clear();
 
@@ -181,10 +182,9 @@ TEST_F(ProcessorClasses, PerProcessorInstancesFollowTheProcessorsPresent) {
     vorntest::use_fixture("cpu-smp-2");
     counter_added = 1;
     ASSERT_EQ(Run(GetMachineClassInfo, 0), 1);
-    EXPECT_EQ(Data(), (std::vector<std::string>{
-                          "2=52.63\n3=10.53\n4=31.58\n5=5.26\n6=42.11\n",
-                          "8=11.76\n9=41.18\n10=47.06\n11=0.00\n12=88.24\n",
-                          "14=0.00\n15=0.00\n16=0.00\n17=0.00\n18=0.00\n"}));
+    EXPECT_EQ(Data(), (std::vector<std::string>{"2=52.63\n3=10.53\n4=31.58\n5=5.26\n6=42.11\n",
+                                                "8=11.76\n9=41.18\n10=47.06\n11=0.00\n12=88.24\n",
+                                                "14=0.00\n15=0.00\n16=0.00\n17=0.00\n18=0.00\n"}));
     Clear();
 
     // The next header pass numbers them densely again.

@@ -14,6 +14,7 @@
 #include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
 #include "packet/rtdc_buffer.h"
+#include "packet/rtdc_packet.h"
 #include "support/fixture_roots.h"
 
 namespace {
@@ -58,7 +59,7 @@ AllTypes SampleRecord() {
 
 // Each test starts with empty arrays and id 0, and leaves them so.
 class Lines : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         Offset = 0;
         exit_recieved = 0;
@@ -77,12 +78,12 @@ protected:
 TEST_F(Lines, DataLinesForEveryTypeCode) {
     AllTypes r = SampleRecord();
     std::vector<CounterDef> table = {
-        Row("t1", 1, AT(i32), 1),  Row("t2", 2, AT(i64), 1),   Row("t3", 3, AT(text), 1),
-        Row("t4", 4, AT(d), 1),    Row("t6", 6, AT(i64), 1),   Row("t7", 7, AT(f), 1),
-        Row("t8", 8, AT(u64), 1),  Row("t9", 9, AT(i16), 1),   Row("t10", 10, AT(i32), 0),
+        Row("t1", 1, AT(i32), 1),    Row("t2", 2, AT(i64), 1),   Row("t3", 3, AT(text), 1),
+        Row("t4", 4, AT(d), 1),      Row("t6", 6, AT(i64), 1),   Row("t7", 7, AT(f), 1),
+        Row("t8", 8, AT(u64), 1),    Row("t9", 9, AT(i16), 1),   Row("t10", 10, AT(i32), 0),
         Row("t11", 11, AT(text), 0), Row("t12", 12, AT(i32), 0), Row("t13", 13, AT(d), 0),
-        Row("t14", 14, AT(i32), 0), Row("t15", 15, AT(i32), 0), Row("t16", 16, AT(text), 0),
-        Row("t17", 17, AT(u64), 0), Row("t18", 18, AT(d), 0),  CounterDef{}};
+        Row("t14", 14, AT(i32), 0),  Row("t15", 15, AT(i32), 0), Row("t16", 16, AT(text), 0),
+        Row("t17", 17, AT(u64), 0),  Row("t18", 18, AT(d), 0),   CounterDef{}};
     for (size_t i = 0; i + 1 < table.size(); ++i) table[i].id = 100 + static_cast<int>(i);
 
     int len = rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, &r, table.data());
@@ -101,9 +102,12 @@ TEST_F(Lines, UnknownTypesWriteNoDataLineButAreLogged) {
     rtdc_log_reset_for_tests();
 
     AllTypes r = SampleRecord();
-    std::vector<CounterDef> table = {Row("a", 1, AT(i32), 1), Row("b", 5, AT(i32), 1),
-                                     Row("c", 20, AT(i64), 1), Row("d", -3, AT(i32), 1),
-                                     Row("e", 0, AT(i32), 1),  Row("f", 19, AT(i32), 1),
+    std::vector<CounterDef> table = {Row("a", 1, AT(i32), 1),
+                                     Row("b", 5, AT(i32), 1),
+                                     Row("c", 20, AT(i64), 1),
+                                     Row("d", -3, AT(i32), 1),
+                                     Row("e", 0, AT(i32), 1),
+                                     Row("f", 19, AT(i32), 1),
                                      CounterDef{}};
     table[1].id = 42;
     rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, &r, table.data());
@@ -113,10 +117,11 @@ TEST_F(Lines, UnknownTypesWriteNoDataLineButAreLogged) {
     std::ifstream in(logfilec);
     std::stringstream log;
     log << in.rdbuf();
-    for (const char* text :
-         {"Unknown type in meta data 5, m[1].id = 42\n", "Unknown type in meta data 20, m[2].id = 1\n",
-          "Unknown type in meta data -3, m[3].id = 1\n", "Unknown type in meta data 0, m[4].id = 1\n",
-          "Unknown type in meta data 19, m[5].id = 1\n"})
+    for (const char* text : {"Unknown type in meta data 5, m[1].id = 42\n",
+                             "Unknown type in meta data 20, m[2].id = 1\n",
+                             "Unknown type in meta data -3, m[3].id = 1\n",
+                             "Unknown type in meta data 0, m[4].id = 1\n",
+                             "Unknown type in meta data 19, m[5].id = 1\n"})
         EXPECT_NE(log.str().find(text), std::string::npos) << text;
     logfilec[0] = '\0';
     rtdc_log_reset_for_tests();
@@ -136,15 +141,16 @@ TEST_F(Lines, HeaderLinesForEveryTypeCode) {
     AllTypes r = SampleRecord();
     std::vector<CounterDef> table = {
         Row(" Mode Averages->Idle", 4, AT(d), 1, 1, "%", "CPU in Idle mode"),
-        Row("Plain", 4, AT(d), 1, 0, "/Sec", "no marker"),
-        Row("t10", 10, AT(i32), 0, 1, " "), Row("t11", 11, AT(text), 0, 1, "0"),
-        Row("t12", 12, AT(u64), 0), Row("t13", 13, AT(d), 0), Row("t15", 15, AT(i32), 0),
-        Row("t16", 16, AT(text), 0), Row("t17", 17, AT(u64), 0), Row("t18", 18, AT(d), 0),
+        Row("Plain", 4, AT(d), 1, 0, "/Sec", "no marker"), Row("t10", 10, AT(i32), 0, 1, " "),
+        Row("t11", 11, AT(text), 0, 1, "0"), Row("t12", 12, AT(u64), 0), Row("t13", 13, AT(d), 0),
+        Row("t15", 15, AT(i32), 0), Row("t16", 16, AT(text), 0), Row("t17", 17, AT(u64), 0),
+        Row("t18", 18, AT(d), 0),
         // Attributes whose type carries no header value, and a bad is_counter: no lines.
         Row("t1", 1, AT(i32), 0), Row("t14", 14, AT(i32), 0), Row("t20", 20, AT(i64), 0),
         Row("bad", 4, AT(d), 2), CounterDef{}};
 
-    int added = rtdc_buffer_headers(rtdc_data_headers, &n_rtdc_data_headers, &r, table.data(), "Cpu");
+    int added =
+        rtdc_buffer_headers(rtdc_data_headers, &n_rtdc_data_headers, &r, table.data(), "Cpu");
     const std::vector<std::string> expected = {
         "Cpu~^1~^-> Mode Averages->Idle::1::CPU in Idle mode::1,%,1\n",
         "Cpu->Plain::2::no marker::0,/Sec,1\n",
@@ -170,10 +176,12 @@ TEST_F(Lines, HeaderLinesForEveryTypeCode) {
 }
 
 TEST_F(Lines, OverlongHeaderLineIsCutToItsBuffer) {
-    CounterDef row = Row(std::string(127, 'n').c_str(), 4, 0, 1, 1, "%", std::string(255, 'd').c_str());
+    CounterDef row =
+        Row(std::string(127, 'n').c_str(), 4, 0, 1, 1, "%", std::string(255, 'd').c_str());
     CounterDef table[2] = {row, {}};
     double value = 0;
-    ASSERT_EQ(rtdc_buffer_headers(rtdc_data_headers, &n_rtdc_data_headers, &value, table, "Cpu"), 1);
+    ASSERT_EQ(rtdc_buffer_headers(rtdc_data_headers, &n_rtdc_data_headers, &value, table, "Cpu"),
+              1);
     EXPECT_EQ(strlen(rtdc_data_headers[0]), 255u);
     EXPECT_EQ(n_rtdc_header_len, 256);
 }
@@ -192,11 +200,15 @@ TEST_F(Lines, ProcessHeadersKeepAnEntryForEveryRow) {
               1);
     ASSERT_EQ(n_rtdc_data_headers, 17);
     // ids are index + pid * rows + 65536, rows counted from 1
-    EXPECT_STREQ(rtdc_data_headers[0], "Process~^1~^->sendmail  (100)->PID::67337::Process Id::1, ,0,100\n");
-    EXPECT_STREQ(rtdc_data_headers[2], "Process~^1~^->sendmail  (100)->User Name::67339::User Name::1, ,0,root\n");
-    EXPECT_STREQ(rtdc_data_headers[4],
-                 "Process~^1~^->sendmail  (100)->% CPU Utilization::67341::% CPU Utilization::1,%,1\n");
-    EXPECT_STREQ(rtdc_data_headers[16], "Process~^1~^->sendmail  (100)->Priority::67353::Priority::1,#,1\n");
+    EXPECT_STREQ(rtdc_data_headers[0],
+                 "Process~^1~^->sendmail  (100)->PID::67337::Process Id::1, ,0,100\n");
+    EXPECT_STREQ(rtdc_data_headers[2],
+                 "Process~^1~^->sendmail  (100)->User Name::67339::User Name::1, ,0,root\n");
+    EXPECT_STREQ(
+        rtdc_data_headers[4],
+        "Process~^1~^->sendmail  (100)->% CPU Utilization::67341::% CPU Utilization::1,%,1\n");
+    EXPECT_STREQ(rtdc_data_headers[16],
+                 "Process~^1~^->sendmail  (100)->Priority::67353::Priority::1,#,1\n");
     EXPECT_EQ(table[16].id, 67353);
     EXPECT_EQ(Offset, 0);  // process ids do not use the ordinary id space
 
@@ -211,10 +223,12 @@ TEST_F(Lines, ProcessHeadersKeepAnEntryForEveryRow) {
     rtdc_buffer_process_headers(rtdc_data_headers, &n_rtdc_data_headers, odd.data(), &wide, 7, "x");
     ASSERT_EQ(n_rtdc_data_headers, 20);
     EXPECT_STREQ(rtdc_data_headers[17], "");
-    EXPECT_STREQ(rtdc_data_headers[18], "Process~^1~^->x  (7)->big::65664::desc::1,%,0,-5000000000\n");
-    EXPECT_STREQ(rtdc_data_headers[19], "Process~^1~^->x  (7)->bits::65665::desc::1,%,0,00000010\n");
-    EXPECT_EQ(n_rtdc_header_len - before,
-              1 + static_cast<int>(strlen(rtdc_data_headers[18]) + strlen(rtdc_data_headers[19]) + 2));
+    EXPECT_STREQ(rtdc_data_headers[18],
+                 "Process~^1~^->x  (7)->big::65664::desc::1,%,0,-5000000000\n");
+    EXPECT_STREQ(rtdc_data_headers[19],
+                 "Process~^1~^->x  (7)->bits::65665::desc::1,%,0,00000010\n");
+    EXPECT_EQ(n_rtdc_header_len - before, 1 + static_cast<int>(strlen(rtdc_data_headers[18]) +
+                                                               strlen(rtdc_data_headers[19]) + 2));
 
     exit_recieved = 1;
     EXPECT_EQ(rtdc_buffer_process_headers(rtdc_data_headers, &n_rtdc_data_headers, table.data(),
@@ -224,8 +238,20 @@ TEST_F(Lines, ProcessHeadersKeepAnEntryForEveryRow) {
 }
 
 TEST_F(Lines, FixedTwoDecimalsMatchPrintf) {
-    std::vector<double> values = {0.0, -0.0, 0.125, 0.375, 2.675, 1.005, 0.005, 99.995, 100.0,
-                                  1e15, 123456789.125, -42.4951, 1e300, -1e-300,
+    std::vector<double> values = {0.0,
+                                  -0.0,
+                                  0.125,
+                                  0.375,
+                                  2.675,
+                                  1.005,
+                                  0.005,
+                                  99.995,
+                                  100.0,
+                                  1e15,
+                                  123456789.125,
+                                  -42.4951,
+                                  1e300,
+                                  -1e-300,
                                   std::numeric_limits<double>::infinity(),
                                   -std::numeric_limits<double>::infinity(),
                                   std::numeric_limits<double>::quiet_NaN(),
@@ -233,7 +259,23 @@ TEST_F(Lines, FixedTwoDecimalsMatchPrintf) {
     std::mt19937_64 rng(7);
     std::uniform_real_distribution<double> pct(0.0, 100.0);
     for (int i = 0; i < 2000; ++i) values.push_back(pct(rng));
-    for (int i = 0; i < 500; ++i) values.push_back(std::ldexp(pct(rng), static_cast<int>(rng() % 80) - 40));
+    for (int i = 0; i < 500; ++i)
+        values.push_back(std::ldexp(pct(rng), static_cast<int>(rng() % 80) - 40));
+    // Exact ties at the third decimal (k/8) and values right beside them.
+    for (int k = -400; k <= 400; ++k) {
+        double tie = k / 8.0 + 1000.0 * (k % 7);
+        values.insert(values.end(), {tie, std::nextafter(tie, 1e9), std::nextafter(tie, -1e9)});
+    }
+    // Arbitrary bit patterns: every exponent, subnormals, the 2^52 boundary.
+    for (int i = 0; i < 3000; ++i) {
+        uint64_t bits = rng();
+        double v;
+        memcpy(&v, &bits, sizeof v);
+        values.push_back(v);
+    }
+    for (double edge :
+         {4503599627370495.5, 4503599627370496.0, 4503599627370497.0, 0.995, 0.994999999999})
+        values.insert(values.end(), {edge, -edge});
     CounterDef table[3] = {Row("d", 4, 0, 1), Row("f", 7, 8, 1), {}};
     table[0].id = 1;
     table[1].id = 2;
@@ -258,6 +300,41 @@ TEST_F(Lines, FullArraysDropLinesInsteadOfOverrunning) {
     EXPECT_EQ(n_rtdc_data_buffers, kMaxLines);
     n_rtdc_data_buffers = 0;
     n_rtdc_data_len = 0;
+}
+
+TEST_F(Lines, StoredLinesSurviveReuseAndForeignEntries) {
+    CounterDef table[3] = {Row("a", 1, 0, 1), Row("b", 1, 4, 1), {}};
+    int32_t values[2] = {1, 2};
+    // Many scans: the text of every scan is its own, whatever the previous one left.
+    for (int scan = 0; scan < 50; ++scan) {
+        values[0] = scan;
+        for (int i = 0; i < 2000; ++i)
+            rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, values, table);
+        ASSERT_EQ(n_rtdc_data_buffers, 2000);
+        std::string expected = "1=" + std::to_string(scan) + "\n1=2\n";
+        ASSERT_EQ(rtdc_data_buffers[0], expected);
+        ASSERT_EQ(rtdc_data_buffers[1999], expected);
+        if (scan % 2) {
+            rtdc_free_lines(rtdc_data_buffers, &n_rtdc_data_buffers, &n_rtdc_data_len);
+        } else {
+            // Emptied without being freed: the next lines must not trust the old ones.
+            for (int i = 0; i < n_rtdc_data_buffers; ++i) rtdc_data_buffers[i] = nullptr;
+            n_rtdc_data_buffers = 0;
+            n_rtdc_data_len = 0;
+        }
+    }
+    // A string a caller puts in itself is malloc'd and freed with the array; the packet
+    // measures it rather than trusting a length recorded for another string.
+    rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, values, table);
+    rtdc_data_buffers[n_rtdc_data_buffers++] = strdup("7=a longer line than before\n");
+    std::vector<char> out(8192 + 200);
+    ASSERT_EQ(
+        rtdc_packetize_data(nullptr, 0, rtdc_data_buffers, n_rtdc_data_buffers, out.data(), 200),
+        1);
+    EXPECT_NE(
+        std::string(out.data()).find("<DATA>\n1=49\n1=2\n7=a longer line than before\n</DATA>"),
+        std::string::npos)
+        << out.data();
 }
 
 TEST(CounterIds, ExhaustionReturnsMinusOneWithoutAdvancing) {

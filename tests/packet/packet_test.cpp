@@ -35,7 +35,7 @@ Parsed Parse(const std::string& packet) {
 }
 
 class Framing : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         PacketNumber = 5;
         FirstBuffer = 1;
@@ -73,7 +73,8 @@ TEST_F(Framing, EmptyPacketHasBlankSectionsAndCountsEveryBodyByte) {
         "<HEADER>\n </HEADER>\n<DATA>\n </DATA>\n</START>\n");
     ASSERT_TRUE(std::regex_match(p.body, m, shape)) << p.body;
     // zone, hours:minutes:seconds, day-month-year
-    EXPECT_TRUE(std::regex_match(m[1].str(), std::regex(".* \\d\\d:\\d\\d:\\d\\d \\d\\d-\\w+-\\d{4}")))
+    EXPECT_TRUE(
+        std::regex_match(m[1].str(), std::regex(".* \\d\\d:\\d\\d:\\d\\d \\d\\d-\\w+-\\d{4}")))
         << m[1];
     EXPECT_EQ(std::stoul(p.prefix_number), p.body.size());
     EXPECT_EQ(p.prefix_number.size(), 6u);
@@ -82,8 +83,10 @@ TEST_F(Framing, EmptyPacketHasBlankSectionsAndCountsEveryBodyByte) {
 
 TEST_F(Framing, SectionsHoldTheLinesInOrder) {
     Parsed p = Parse(Pack({"h1\n", "h2\n"}, {"1=5\n2=6\n", "3=7\n"}));
-    EXPECT_NE(p.body.find("</INTERVAL>\n<HEADER>\nh1\nh2\n</HEADER>\n<DATA>\n1=5\n2=6\n3=7\n</DATA>\n</START>\n"),
-              std::string::npos)
+    EXPECT_NE(
+        p.body.find(
+            "</INTERVAL>\n<HEADER>\nh1\nh2\n</HEADER>\n<DATA>\n1=5\n2=6\n3=7\n</DATA>\n</START>\n"),
+        std::string::npos)
         << p.body;
     EXPECT_EQ(std::stoul(p.prefix_number), p.body.size());
 }
@@ -127,7 +130,7 @@ TEST_F(Framing, SecondPrefixFormAndRefusedOverflow) {
 // A socket pair whose every write arrives as one record, so the test sees how the text
 // was cut into writes.
 class Sending : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds), 0);
         int size = 1 << 20;

@@ -49,7 +49,7 @@ int Fake(char** headers, int* nheaders, char** buffers, int* nbuffers, int heade
 constexpr ClassCollector kFakes[] = {Fake<0>, Fake<1>, Fake<2>, Fake<3>, Fake<4>, Fake<5>, Fake<6>};
 
 class Pass : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         int count = 0;
         SnapshotClass* classes = rtdc_snapshot_classes(&count);
@@ -124,9 +124,9 @@ TEST_F(Pass, AllClassesSwitchCoversEveryClassButProcesses) {
 
 TEST_F(Pass, EachClassHasItsOwnSwitch) {
     // processor, machine, metric, disk, network, file system, process
-    int32_t RtaCmdline::*switches[] = {&RtaCmdline::class_cpu,  &RtaCmdline::class_processor,
-                                       &RtaCmdline::class_vm,   &RtaCmdline::class_disk,
-                                       &RtaCmdline::class_net,  &RtaCmdline::class_fs,
+    int32_t RtaCmdline::*switches[] = {&RtaCmdline::class_cpu,    &RtaCmdline::class_processor,
+                                       &RtaCmdline::class_vm,     &RtaCmdline::class_disk,
+                                       &RtaCmdline::class_net,    &RtaCmdline::class_fs,
                                        &RtaCmdline::class_process};
     for (int i = 0; i < 7; ++i) {
         settings = RtaCmdline{};
@@ -150,7 +150,8 @@ TEST_F(Pass, NoClassGivesEmptySectionsInBothPackets) {
     std::string sent = Received();
     size_t first = sent.find("<HEADER>\n </HEADER>\n<DATA>\n </DATA>\n</START>\n");
     ASSERT_NE(first, std::string::npos) << sent;
-    EXPECT_NE(sent.find("<HEADER>\n </HEADER>\n<DATA>\n </DATA>\n</START>\n", first + 1), std::string::npos);
+    EXPECT_NE(sent.find("<HEADER>\n </HEADER>\n<DATA>\n </DATA>\n</START>\n", first + 1),
+              std::string::npos);
     EXPECT_NE(sent.find("<PACKET>\n1\n"), std::string::npos);
     EXPECT_NE(sent.find("<PACKET>\n2\n"), std::string::npos);
     EXPECT_EQ(FirstPass, 0);
@@ -161,7 +162,8 @@ TEST_F(Pass, HeaderPacketCarriesHeadersDataPacketNever) {
     settings.class_cpu = 1;
     Header();
     std::string header_packet = Received();
-    EXPECT_NE(header_packet.find("<HEADER>\nfake0-h1\n</HEADER>\n<DATA>\n </DATA>\n"), std::string::npos)
+    EXPECT_NE(header_packet.find("<HEADER>\nfake0-h1\n</HEADER>\n<DATA>\n </DATA>\n"),
+              std::string::npos)
         << header_packet;
     // The data pass appends a header line too; the data packet leaves it out.
     Data(1);
@@ -214,9 +216,9 @@ TEST_F(Pass, VerboseLogNamesTheClasses) {
     logfilec[0] = '\0';
     rtdc_log_reset_for_tests();
 
-    for (const char* label : {"GetCPUCLassInfo", "GetMachineClassInfo", "GetMetricClassInfo",
-                              "GetDiskClassInfo", "GetNetClassInfo", "GetFsClassInfo",
-                              "GetProcessClassInfo"})
+    for (const char* label :
+         {"GetCPUCLassInfo", "GetMachineClassInfo", "GetMetricClassInfo", "GetDiskClassInfo",
+          "GetNetClassInfo", "GetFsClassInfo", "GetProcessClassInfo"})
         EXPECT_NE(log.find(std::string("SnapshotHeader: Call  ") + label + " ..(Headers "),
                   std::string::npos)
             << label;
@@ -229,7 +231,8 @@ TEST_F(Pass, VerboseLogNamesTheClasses) {
               std::string::npos)
         << log;
     // The data pass names only three of its calls.
-    EXPECT_NE(log.find("Snapshot: Call  GetCPUClassInfo ..(Headers 7, Databufs 0)\n"), std::string::npos);
+    EXPECT_NE(log.find("Snapshot: Call  GetCPUClassInfo ..(Headers 7, Databufs 0)\n"),
+              std::string::npos);
     EXPECT_NE(log.find("Snapshot: Call  GetDiskClassInfo ..("), std::string::npos);
     EXPECT_NE(log.find("Snapshot: Call  GetProcessClassInfo ..("), std::string::npos);
     EXPECT_EQ(log.find("Snapshot: Call  GetMachineClassInfo"), std::string::npos);
