@@ -4,7 +4,9 @@
 // short-lived children started and ended along the way so processes keep appearing in and
 // vanishing from the process list and the metric tree.
 //
-//   scan_soak [-scans N] [-warm W] [-churn K]
+//   scan_soak [-scans N] [-warm W] [-churn K] [-extra N]
+//
+// -extra starts that many sleeping processes first (and ends them, by pid, at the end).
 //
 // Prints one line: scans, VmRSS after W scans and at the end (kB), growth in percent, and
 // VmHWM.
@@ -23,6 +25,7 @@
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
@@ -58,6 +61,7 @@ pid_t start_child(int serial) {
 int main(int argc, char** argv) {
     long scans = 1000, warm = 100;
     int churn = 4;
+    int extra = 0;
     for (int i = 1; i < argc; ++i) {
         std::string_view a = argv[i];
         if (a == "-scans" && i + 1 < argc)
@@ -66,12 +70,25 @@ int main(int argc, char** argv) {
             warm = atol(argv[++i]);
         else if (a == "-churn" && i + 1 < argc)
             churn = atoi(argv[++i]);
+        else if (a == "-extra" && i + 1 < argc)
+            extra = atoi(argv[++i]);
         else {
-            fprintf(stderr, "usage: scan_soak [-scans N] [-warm W] [-churn K]\n");
+            fprintf(stderr, "usage: scan_soak [-scans N] [-warm W] [-churn K] [-extra N]\n");
             return 2;
         }
     }
     if (warm >= scans) warm = scans / 10;
+
+    std::vector<pid_t> sleepers;
+    for (int i = 0; i < extra; ++i) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            prctl(PR_SET_NAME, "vornsleeper");
+            for (;;) pause();
+        }
+        if (pid > 0) sleepers.push_back(pid);
+    }
 
     // A throw-away install root for the log file.
     char root[] = "/tmp/vornsoak.XXXXXX";
@@ -112,10 +129,9 @@ int main(int argc, char** argv) {
         if (n == warm) rss_warm = status_kb("VmRSS:");
     }
     const long rss_end = status_kb("VmRSS:");
-    for (pid_t pid : children) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
+    children.insert(children.end(), sleepers.begin(), sleepers.end());
+    for (pid_t pid : children) kill(pid, SIGKILL);
+    for (pid_t pid : children) waitpid(pid, nullptr, 0);
     printf("scans=%ld warm_at=%ld rss_warm_kb=%ld rss_end_kb=%ld growth_pct=%.2f hwm_kb=%ld\n",
            scans, warm, rss_warm, rss_end,
            rss_warm > 0 ? (rss_end - rss_warm) * 100.0 / rss_warm : 0.0, status_kb("VmHWM:"));

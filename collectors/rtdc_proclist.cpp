@@ -95,12 +95,22 @@ int GetIndex(int pid) {
 void GetFromProcList(List* list, int pid, ProcListItem** item_out) {
     *item_out = nullptr;
     if (!list) return;
-    for (ListItem* it = list->first; it; it = it->next) {
-        auto* item = static_cast<ProcListItem*>(it->data);
-        if (item && item->info && item->info->record.pid == pid) {
-            *item_out = item;
-            return;
+    // The scan lists /proc in ascending pid order and a bucket holds its processes in the
+    // order they were found, so the item wanted is nearly always the one after the last hit:
+    // the search starts there (the list's cursor) and wraps round. Pids are unique in the
+    // table, so where it starts does not change what it finds.
+    ListItem* start = list->current && list->current->next ? list->current->next : list->first;
+    for (int pass = 0; pass < 2; ++pass) {
+        for (ListItem* it = pass ? list->first : start; it && !(pass && it == start);
+             it = it->next) {
+            auto* item = static_cast<ProcListItem*>(it->data);
+            if (item && item->info && item->info->record.pid == pid) {
+                list->current = it;
+                *item_out = item;
+                return;
+            }
         }
+        if (start == list->first) return;
     }
 }
 

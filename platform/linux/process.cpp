@@ -26,8 +26,6 @@ namespace platform {
 namespace {
 
 using procfs::copy_field;
-using procfs::next_token;
-using procfs::parse_i64;
 using procfs::parse_u64;
 
 // stat is well under 1 KiB; status is about 1.5 KiB and the real uid sits in its first
@@ -49,10 +47,29 @@ ssize_t read_small(int dirfd, const char* name, char* buf, size_t cap) {
     return n;
 }
 
+// A decimal number at `p` (optionally negative) ending at a blank, a line end or `end`.
+// Advances `p` past the number. False on no digits, overflow or a stray character: these
+// files are the kernel's, but a parser never trusts its input.
+bool take_number(const char*& p, const char* end, int64_t& value) {
+    bool negative = p < end && *p == '-';
+    if (negative) ++p;
+    const char* first = p;
+    int64_t v = 0;
+    while (p < end && *p >= '0' && *p <= '9') {
+        const int digit = *p - '0';
+        if (v > (INT64_MAX - digit) / 10) return false;
+        v = v * 10 + digit;
+        ++p;
+    }
+    if (p == first || (p < end && *p != ' ' && *p != '\n' && *p != '\t')) return false;
+    value = negative ? -v : v;
+    return true;
+}
+
 // proc(5) stat: "pid (comm) state ppid pgrp session tty_nr tpgid flags minflt cminflt
 // majflt cmajflt utime stime cutime cstime priority nice num_threads itrealvalue starttime
 // vsize rss ...". The name may hold blanks and parentheses of its own, so it runs from the
-// first '(' to the LAST ')'.
+// first '(' to the LAST ')'. Fields are counted as proc(5) counts them.
 bool parse_stat(std::string_view text, ProcessSample& out, int64_t page_kb) {
     size_t open = text.find('(');
     size_t close = text.rfind(')');
@@ -60,96 +77,113 @@ bool parse_stat(std::string_view text, ProcessSample& out, int64_t page_kb) {
         return false;
     copy_field(out.name, sizeof out.name, text.substr(open + 1, close - open - 1));
 
-    std::string_view rest = text.substr(close + 1);
-    // Field numbers as proc(5) counts them; the state (field 3) is the first after ')'.
-    int64_t s = 0;
-    int got = 0;
+    const char* p = text.data() + close + 1;
+    const char* const end = text.data() + text.size();
+    int64_t v = 0;
     for (int field = 3; field <= 24; ++field) {
-        std::string_view token = next_token(rest);
-        if (token.empty()) return false;
+        if (p >= end || *p != ' ') return false;
+        ++p;
         switch (field) {
             case 4:
-                if (!parse_i64(token, s)) return false;
-                out.ppid = static_cast<int32_t>(s);
-                ++got;
+            case 7:
+            case 10:
+            case 12:
+            case 14:
+            case 15:
+            case 18:
+            case 22:
+            case 24:
+                if (!take_number(p, end, v)) return false;
+                break;
+            default:  // a field we do not use: skip it
+                while (p < end && *p != ' ' && *p != '\n') ++p;
+                continue;
+        }
+        switch (field) {
+            case 4:
+                out.ppid = static_cast<int32_t>(v);
                 break;
             case 7:
-                if (!parse_i64(token, s)) return false;
-                out.tty_nr = static_cast<int32_t>(s);
-                ++got;
+                out.tty_nr = static_cast<int32_t>(v);
                 break;
             case 10:
-                if (!parse_u64(token, out.minflt)) return false;
-                ++got;
+                out.minflt = static_cast<uint64_t>(v);
                 break;
             case 12:
-                if (!parse_u64(token, out.majflt)) return false;
-                ++got;
+                out.majflt = static_cast<uint64_t>(v);
                 break;
             case 14:
-                if (!parse_u64(token, out.utime)) return false;
-                ++got;
+                out.utime = static_cast<uint64_t>(v);
                 break;
             case 15:
-                if (!parse_u64(token, out.stime)) return false;
-                ++got;
+                out.stime = static_cast<uint64_t>(v);
                 break;
             case 18:
-                if (!parse_i64(token, out.priority)) return false;
-                ++got;
+                out.priority = v;
                 break;
             case 22:
-                if (!parse_u64(token, out.start_time)) return false;
-                ++got;
+                out.start_time = static_cast<uint64_t>(v);
                 break;
-            case 24:
-                // rss is signed in the kernel's print and can read -1 transiently.
-                if (!parse_i64(token, s)) return false;
-                out.rss_kb = s > 0 ? s * page_kb : 0;
-                ++got;
-                break;
+            // rss is signed in the kernel's print and can read -1 transiently.
             default:
+                out.rss_kb = v > 0 ? v * page_kb : 0;
                 break;
         }
     }
-    return got == 9;
+    return true;
 }
 
-// status: "Uid:\treal\teffective\tsaved\tfs".
+// The next line start after `p`, or `end`.
+const char* next_line_start(const char* p, const char* end) {
+    const void* nl = memchr(p, '\n', static_cast<size_t>(end - p));
+    return nl ? static_cast<const char*>(nl) + 1 : end;
+}
+
+// status: "Uid:\treal\teffective\tsaved\tfs", about the ninth line.
 bool parse_status_uid(std::string_view text, uint32_t& uid) {
-    size_t at = text.starts_with("Uid:") ? 0 : text.find("\nUid:");
-    if (at == std::string_view::npos) return false;
-    if (text[at] == '\n') ++at;
-    std::string_view line = text.substr(at + 4);
-    line = line.substr(0, line.find('\n'));
-    uint64_t value;
-    if (!parse_u64(next_token(line), value) || value > UINT32_MAX) return false;
-    uid = static_cast<uint32_t>(value);
-    return true;
+    const char* const end = text.data() + text.size();
+    for (const char* p = text.data(); p < end; p = next_line_start(p, end)) {
+        if (end - p < 5 || memcmp(p, "Uid:", 4) != 0) continue;
+        p += 4;
+        while (p < end && (*p == '\t' || *p == ' ')) ++p;
+        int64_t value;
+        if (!take_number(p, end, value) || value < 0 || value > UINT32_MAX) return false;
+        uid = static_cast<uint32_t>(value);
+        return true;
+    }
+    return false;
 }
 
 // io: "name: value" lines, read by name since the set of lines differs between kernels.
 void parse_io(std::string_view text, ProcessSample& out) {
-    while (!text.empty()) {
-        std::string_view line = procfs::next_line(text);
-        size_t colon = line.find(':');
-        if (colon == std::string_view::npos) continue;
-        std::string_view key = line.substr(0, colon);
-        std::string_view value_text = line.substr(colon + 1);
-        uint64_t value;
-        if (!parse_u64(next_token(value_text), value)) continue;
-        if (key == "rchar")
-            out.rchar = value;
-        else if (key == "wchar")
-            out.wchar = value;
-        else if (key == "syscr")
-            out.syscr = value;
-        else if (key == "syscw")
-            out.syscw = value;
-        else if (key == "read_bytes")
-            out.read_bytes = value;
-        else if (key == "write_bytes")
-            out.write_bytes = value;
+    struct Key {
+        const char* name;
+        size_t len;
+        uint64_t ProcessSample::*field;
+    };
+    static constexpr Key kKeys[] = {
+        {"rchar", 5, &ProcessSample::rchar},
+        {"wchar", 5, &ProcessSample::wchar},
+        {"syscr", 5, &ProcessSample::syscr},
+        {"syscw", 5, &ProcessSample::syscw},
+        {"read_bytes", 10, &ProcessSample::read_bytes},
+        {"write_bytes", 11, &ProcessSample::write_bytes},
+    };
+    const char* const end = text.data() + text.size();
+    for (const char* p = text.data(); p < end; p = next_line_start(p, end)) {
+        const char* colon = p;
+        while (colon < end && *colon != ':' && *colon != '\n') ++colon;
+        if (colon >= end || *colon != ':') continue;
+        const size_t len = static_cast<size_t>(colon - p);
+        for (const Key& key : kKeys) {
+            if (key.len != len || memcmp(p, key.name, len) != 0) continue;
+            const char* q = colon + 1;
+            while (q < end && *q == ' ') ++q;
+            int64_t value;
+            if (take_number(q, end, value) && value >= 0)
+                out.*key.field = static_cast<uint64_t>(value);
+            break;
+        }
     }
 }
 
