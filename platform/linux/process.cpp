@@ -56,9 +56,10 @@ bool take_number(const char*& p, const char* end, int64_t& value) {
     const char* first = p;
     int64_t v = 0;
     while (p < end && *p >= '0' && *p <= '9') {
-        const int digit = *p - '0';
-        if (v > (INT64_MAX - digit) / 10) return false;
-        v = v * 10 + digit;
+        // A constant bound (no division per digit); it gives up only the top few values
+        // below INT64_MAX, which no counter reaches.
+        if (v > (INT64_MAX - 9) / 10) return false;
+        v = v * 10 + (*p - '0');
         ++p;
     }
     if (p == first || (p < end && *p != ' ' && *p != '\n' && *p != '\t')) return false;
@@ -71,13 +72,13 @@ bool take_number(const char*& p, const char* end, int64_t& value) {
 // vsize rss ...". The name may hold blanks and parentheses of its own, so it runs from the
 // first '(' to the LAST ')'. Fields are counted as proc(5) counts them.
 bool parse_stat(std::string_view text, ProcessSample& out, int64_t page_kb) {
-    size_t open = text.find('(');
-    size_t close = text.rfind(')');
-    if (open == std::string_view::npos || close == std::string_view::npos || close < open)
-        return false;
-    copy_field(out.name, sizeof out.name, text.substr(open + 1, close - open - 1));
+    const auto* open = static_cast<const char*>(memchr(text.data(), '(', text.size()));
+    const auto* close = static_cast<const char*>(memrchr(text.data(), ')', text.size()));
+    if (!open || !close || close < open) return false;
+    copy_field(out.name, sizeof out.name,
+               std::string_view(open + 1, static_cast<size_t>(close - open - 1)));
 
-    const char* p = text.data() + close + 1;
+    const char* p = close + 1;
     const char* const end = text.data() + text.size();
     int64_t v = 0;
     for (int field = 3; field <= 24; ++field) {
