@@ -161,8 +161,9 @@ int run_stream(const Context& ctx, StreamKind kind, const StreamOptions& o) {
                 reconnector.lost();
                 continue;
             case DataStream::Status::kMalformed:
-                if (kind == StreamKind::kRaw) {
+                if (kind == StreamKind::kRaw && !packet.raw.empty()) {
                     // Show what arrived before saying what is wrong with it.
+                    std::fwrite(packet.raw.data(), 1, packet.raw.size(), ctx.out);
                     std::fflush(ctx.out);
                 }
                 return ctx.fail("malformed packet from " + ctx.agent.text() + ": " + err);
@@ -269,6 +270,7 @@ int cmd_openmetrics(const Context& ctx, const Parsed& p) {
     Reconnector reconnector(static_cast<int>(o.reconnect_s));
     reconnector.connected();
     std::unique_ptr<Sample> latest;
+    int data_in_connection = 0;
     auto render = [&] { return openmetrics_text(latest.get(), stream.is_open() && latest != nullptr); };
     for (;;) {
         std::vector<pollfd> fds;
@@ -289,6 +291,7 @@ int cmd_openmetrics(const Context& ctx, const Parsed& p) {
                 continue;
             }
             session.reset();
+            data_in_connection = 0;
             reconnector.connected();
             std::fprintf(ctx.err, "vornmon openmetrics: reconnected to %s\n", ctx.agent.text().c_str());
             continue;
@@ -304,7 +307,10 @@ int cmd_openmetrics(const Context& ctx, const Parsed& p) {
                     stream.close();
                 } else {
                     reconnector.progress();
-                    if (!packet.data.empty()) latest = std::make_unique<Sample>(std::move(sample));
+                    // A connection's first data packet covers no interval (its rates read 0);
+                    // scrapes see figures from the second on.
+                    if (!packet.data.empty() && ++data_in_connection >= 2)
+                        latest = std::make_unique<Sample>(std::move(sample));
                     continue;
                 }
             }

@@ -116,6 +116,13 @@ Exposure expose(const Metric& m) {
         e.scale = 1024;
     }
 
+    // File-system sizes are statvfs block counts in the file system's fragment size,
+    // whatever their unit text ("Kb", and "%" for Used) says: exported as blocks, unscaled.
+    if (m.klass == "FileSystem" && !m.instance.empty() && trimmed(counter) != "% Space Used") {
+        e.unit = "blocks";
+        e.scale = 1;
+    }
+
     std::string base;
     if (m.is_process) {
         base = "process_" + snake(counter);

@@ -58,7 +58,8 @@ void draw(const HostView* view, const std::string& source, SortKey sort, int scr
     erase();
     int rows = LINES, cols = COLS;
     if (!view) {
-        mvaddnstr(0, 0, ("vornmon " + source + "  waiting for data...").c_str(), cols);
+        mvaddnstr(0, 0, ("vornmon " + source + "  waiting for data (first figures after one scan)...").c_str(),
+                  cols);
     } else {
         std::vector<ViewLine> lines = layout_view(*view, source, sort, cols, -1);
         // Everything above the process rows is always shown; the process rows scroll.
@@ -119,6 +120,7 @@ int run_top_screen(const Context& ctx, const TopOptions& o) {
     std::unique_ptr<HostView> view;
     SortKey sort = o.sort;
     int scroll = 0;
+    int data_in_connection = 0;
     std::string status;
     int result = kExitOk;
     std::string final_error;
@@ -145,6 +147,7 @@ int run_top_screen(const Context& ctx, const TopOptions& o) {
                         // a new data connection brings a header packet that names them.
                         if (stream.open(err)) {
                             session.reset();
+                            data_in_connection = 0;
                             reconnector.connected();
                             status = "reconnected";
                         } else {
@@ -169,6 +172,7 @@ int run_top_screen(const Context& ctx, const TopOptions& o) {
                 if (reconnector.due()) {
                     if (stream.open(err)) {
                         session.reset();
+                        data_in_connection = 0;
                         reconnector.connected();
                         status = "reconnected";
                     } else {
@@ -189,7 +193,9 @@ int run_top_screen(const Context& ctx, const TopOptions& o) {
                 }
                 if (st == DataStream::Status::kPacket) {
                     reconnector.progress();
-                    if (!packet.data.empty()) {
+                    // The first data packet of a connection covers no interval yet (its
+                    // rates read 0): keep the previous figures until the second.
+                    if (!packet.data.empty() && ++data_in_connection >= 2) {
                         view = std::make_unique<HostView>(build_view(sample));
                         if (status == "reconnected") status.clear();
                         redraw = true;

@@ -251,8 +251,9 @@ std::vector<ViewLine> layout_view(const HostView& v, const std::string& source, 
     if (v.filesystems.empty()) {
         add(ViewLine::kText, "  (no file-system figures)");
     } else {
+        // Sizes are statvfs block counts (fragment units), not the kilobytes their units say.
         add(ViewLine::kColumns, "  " + pad("MOUNT", 28) + pad("USED", 7, true) +
-                                    pad("AVAIL", 12, true) + pad("TOTAL", 12, true));
+                                    pad("AVAIL BLK", 12, true) + pad("TOTAL BLK", 12, true));
         for (std::size_t i = 0; i < v.filesystems.size() && i < 8; ++i) {
             const FsRow& f = v.filesystems[i];
             add(ViewLine::kText, "  " + pad(cut(f.mount, 27), 28) + pad(fmt("%.1f%%", f.pct_used), 7, true) +

@@ -410,9 +410,9 @@ Framer::Result next_packet(Framer& framer, Packet& out, std::string& err) {
     std::string body, raw;
     Framer::Result r = framer.next(body, raw, err);
     if (r != Framer::Result::kPacket) return r;
-    if (!parse_packet_body(body, out, err)) return Framer::Result::kError;
-    out.raw = std::move(raw);
-    return r;
+    bool ok = parse_packet_body(body, out, err);
+    out.raw = std::move(raw);  // kept for a refused packet too, so it can be shown
+    return ok ? r : Framer::Result::kError;
 }
 
 }  // namespace vornmon

@@ -81,7 +81,8 @@ private:
     std::string failed_;
 };
 
-/// Frames and parses in one step: the common path for every subcommand.
+/// Frames and parses in one step: the common path for every subcommand. A packet that is
+/// framed but refused still has its bytes in `out.raw`.
 Framer::Result next_packet(Framer& framer, Packet& out, std::string& err);
 
 /// Shortens text for an error message and makes control characters visible.

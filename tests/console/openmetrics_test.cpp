@@ -62,6 +62,15 @@ TEST(Exposure, NamesCarryBaseUnitsAndInstancesBecomeLabels) {
     e = expose(metric("Net->TCP->Packet Rate->Sent::5::TCP Segments sent::0,/Sec,1"));
     EXPECT_EQ(e.family, "vornrta_net_tcp_packet_rate_sent_per_second");
 
+    // File-system sizes are block counts whatever their unit text says.
+    e = expose(metric("FileSystem~^1~^->/->Total::8::Total Space::1,Kb,1"));
+    EXPECT_EQ(e.family, "vornrta_filesystem_total_blocks");
+    EXPECT_DOUBLE_EQ(e.scale, 1);
+    e = expose(metric("FileSystem~^1~^->/->Used::9::Used Space::1,%,1"));
+    EXPECT_EQ(e.family, "vornrta_filesystem_used_blocks");
+    e = expose(metric("FileSystem~^1~^->/->% Space Used::10::Space Used::1,%,1"));
+    EXPECT_EQ(e.family, "vornrta_filesystem_space_used_percent");
+
     e = expose(metric("Disk~^1~^->sda->Waiting Elements::6::x::1,#,1"));
     EXPECT_EQ(e.family, "vornrta_disk_waiting_elements");
     EXPECT_EQ(e.unit, "");

@@ -113,17 +113,6 @@ TEST(View, PlainTextHasEverySection) {
     EXPECT_EQ(one.find("my (odd)"), std::string::npos);
 }
 
-TEST(View, HumanFigures) {
-    EXPECT_EQ(human_count(0), "0");
-    EXPECT_EQ(human_count(2.5), "2.5");
-    EXPECT_EQ(human_count(999), "999");
-    EXPECT_EQ(human_count(1500), "1.5k");
-    EXPECT_EQ(human_count(25000000), "25M");
-    EXPECT_EQ(human_bytes(512), "512B");
-    EXPECT_EQ(human_bytes(1536), "1.5KiB");
-    EXPECT_EQ(human_bytes(5242880), "5.0MiB");
-}
-
 TEST(View, AgentCaptureTakesTheLaterOfRepeatedValues) {
     // The agent's first tick after a connection sends the start-up pass's lines again
     // ahead of its own: the view must show the later, current values.

@@ -64,26 +64,19 @@ TEST(Framer, SevenDigitLengthsAreRead) {
     EXPECT_EQ(got[0].data[0].value.size(), big.size());
 }
 
-TEST(Framer, RefusesLengthsThatDoNotMatch) {
-    std::string err;
-    // Five bytes short: the body the prefix promises does not end with </START>.
-    EXPECT_TRUE(packets_of(fixture("bad-length.pkt"), 4096, err).empty());
-    EXPECT_NE(err.find("does not match"), std::string::npos) << err;
-
-    // Too long: detected once the next packet shows where this one really ended.
+TEST(Framer, RefusesALengthThatIsTooLong) {
+    // Too long is seen once the next packet shows where this one really ended (too short
+    // is the bad-length capture of the golden tests).
     std::string body = packet_body(1, {}, "");
     std::string stream = " \nBUFFERSIZE=" + std::to_string(body.size() + 40) + "\n" + body +
                          frame(packet_body(2, {}, ""));
-    err.clear();
+    std::string err;
     EXPECT_TRUE(packets_of(stream, 4096, err).empty());
     EXPECT_NE(err.find("ends after " + std::to_string(body.size()) + " bytes"), std::string::npos) << err;
 }
 
 TEST(Framer, RefusesStreamsWithoutAPrefix) {
     std::string err;
-    EXPECT_TRUE(packets_of(fixture("no-prefix.pkt"), 4096, err).empty());
-    EXPECT_NE(err.find("BUFFERSIZE="), std::string::npos) << err;
-
     for (std::string bad : {"HTTP/1.1 200 OK\r\n\r\n", " x", "BUFFERSIZE=12a\n", "BUFFERSIZE=\n",
                             "BUFFERSIZE=999999999999999\n"}) {
         err.clear();

@@ -214,17 +214,4 @@ TEST_F(Console, StreamsSurviveAnAgentRestart) {
     EXPECT_GE(header_packets, 2) << "each connection starts with its own header packet\n" << stream.err();
 }
 
-TEST_F(Console, AGoneAgentIsOneLineAndStatusOne) {
-    ASSERT_EQ(agent->stop(), 0);
-    agent.reset();
-    for (std::vector<std::string> cmd :
-         std::vector<std::vector<std::string>>{{"desc"}, {"json", "--count", "1"}, {"top", "--once"}, {"alerts"}}) {
-        Result r = run(at(port, cmd), "", 15);
-        EXPECT_EQ(r.status, 1) << r.err;
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-        EXPECT_NE(r.err.find("Connection refused"), std::string::npos) << r.err;
-    }
-}
-
 }  // namespace
