@@ -157,7 +157,8 @@ int run_stream(const Context& ctx, StreamKind kind, const StreamOptions& o) {
                 continue;
             case DataStream::Status::kLost:
                 if (o.reconnect_s < 0) return ctx.fail(err);
-                std::fprintf(ctx.err, "vornmon %s: %s; reconnecting\n", ctx.command.c_str(), err.c_str());
+                std::fprintf(ctx.err, "vornmon %s: %s; reconnecting\n", ctx.command.c_str(),
+                             err.c_str());
                 reconnector.lost();
                 continue;
             case DataStream::Status::kMalformed:
@@ -188,10 +189,10 @@ int run_stream(const Context& ctx, StreamKind kind, const StreamOptions& o) {
             // figures over one interval, like the live view.
             if (data_packets++ == 0) continue;
             HostView view = build_view(sample);
-            std::string text = render_text(
-                layout_view(view, ctx.agent.text(), o.sort, static_cast<int>(o.width),
-                            static_cast<int>(o.procs)),
-                static_cast<int>(o.width));
+            std::string text =
+                render_text(layout_view(view, ctx.agent.text(), o.sort, static_cast<int>(o.width),
+                                        static_cast<int>(o.procs)),
+                            static_cast<int>(o.width));
             std::fprintf(ctx.out, "%s%s", emitted > 0 ? "\n" : "", text.c_str());
             std::fflush(ctx.out);
         }
@@ -230,8 +231,9 @@ int cmd_top(const Context& ctx, const Parsed& p) {
     if (const char* env = std::getenv("COLUMNS")) to_int(env, 40, 1000, columns);
     if (!int_option(ctx, p, "--width", 40, 1000, columns, o.width, status)) return status;
     if (p.has("--sort") && !sort_option(p.options.at("--sort"), o.sort))
-        return ctx.fail("--sort takes cpu, memory, pid, name or io, got '" + p.options.at("--sort") + "'",
-                        kExitUsage);
+        return ctx.fail(
+            "--sort takes cpu, memory, pid, name or io, got '" + p.options.at("--sort") + "'",
+            kExitUsage);
     if (p.has("--once")) {
         if (p.has("--count")) return ctx.fail("--once and --count exclude each other", kExitUsage);
         o.count = 1;
@@ -271,7 +273,9 @@ int cmd_openmetrics(const Context& ctx, const Parsed& p) {
     reconnector.connected();
     std::unique_ptr<Sample> latest;
     int data_in_connection = 0;
-    auto render = [&] { return openmetrics_text(latest.get(), stream.is_open() && latest != nullptr); };
+    auto render = [&] {
+        return openmetrics_text(latest.get(), stream.is_open() && latest != nullptr);
+    };
     for (;;) {
         std::vector<pollfd> fds;
         fds.push_back({server.fd(), POLLIN, 0});
@@ -293,7 +297,8 @@ int cmd_openmetrics(const Context& ctx, const Parsed& p) {
             session.reset();
             data_in_connection = 0;
             reconnector.connected();
-            std::fprintf(ctx.err, "vornmon openmetrics: reconnected to %s\n", ctx.agent.text().c_str());
+            std::fprintf(ctx.err, "vornmon openmetrics: reconnected to %s\n",
+                         ctx.agent.text().c_str());
             continue;
         }
         for (;;) {
@@ -317,7 +322,8 @@ int cmd_openmetrics(const Context& ctx, const Parsed& p) {
             // Lost or malformed: the figures go stale; scrapes say so until a new
             // connection brings fresh ones.
             std::fprintf(ctx.err, "vornmon openmetrics: %s%s; reconnecting\n",
-                         st == DataStream::Status::kMalformed ? "malformed packet: " : "", err.c_str());
+                         st == DataStream::Status::kMalformed ? "malformed packet: " : "",
+                         err.c_str());
             std::fflush(ctx.err);
             latest.reset();
             reconnector.lost();
@@ -350,10 +356,11 @@ bool ask(const Context& ctx, const std::string& request, bool (*complete)(std::s
         return false;
     }
     if (!ex.complete && ex.reply.empty()) {
-        status = ctx.fail(alerting ? "the agent at " + ctx.agent.text() +
-                                         " closed the connection without a reply (is alerting switched off?)"
-                                   : "the agent at " + ctx.agent.text() +
-                                         " closed the connection without a reply");
+        status = ctx.fail(
+            alerting
+                ? "the agent at " + ctx.agent.text() +
+                      " closed the connection without a reply (is alerting switched off?)"
+                : "the agent at " + ctx.agent.text() + " closed the connection without a reply");
         return false;
     }
     reply = std::move(ex.reply);
@@ -381,7 +388,8 @@ int cmd_desc(const Context& ctx, const Parsed& p) {
     std::size_t width = 4;
     for (const Leaf& l : leaves) width = std::max(width, l.path.size());
     width = std::min<std::size_t>(width, 70);
-    std::fprintf(ctx.out, "%-*s  %-5s  %s\n", static_cast<int>(width), "PATH", "UNITS", "DESCRIPTION");
+    std::fprintf(ctx.out, "%-*s  %-5s  %s\n", static_cast<int>(width), "PATH", "UNITS",
+                 "DESCRIPTION");
     for (const Leaf& l : leaves)
         std::fprintf(ctx.out, "%-*s  %-5s  %s\n", static_cast<int>(width), l.path.c_str(),
                      l.unit.c_str(), l.text.c_str());
@@ -394,7 +402,8 @@ int cmd_rules(const Context& ctx, const Parsed& p) {
     if (!read_source(ctx, source, text, err)) return ctx.fail(err);
     std::vector<Rule> rules;
     if (!parse_rules_text(text, rules, err))
-        return ctx.fail((source == "-" ? std::string("standard input") : source) + ", " + err, kExitUsage);
+        return ctx.fail((source == "-" ? std::string("standard input") : source) + ", " + err,
+                        kExitUsage);
     if (!p.has("--no-check") && !rules.empty()) {
         // The agent stops reading at the first rule whose metric it cannot find and says
         // nothing, so every path is checked against its leaf list first.
@@ -405,10 +414,10 @@ int cmd_rules(const Context& ctx, const Parsed& p) {
         for (const Rule& r : rules)
             if (!rule_resolves(r, paths, err)) return ctx.fail("rule '" + r.name + "': " + err);
     }
-    return send_and_wait_close(ctx, expdef_request(rules),
-                               rules.empty() ? "cleared the rules of this console on " + ctx.agent.text()
-                                             : "sent " + std::to_string(rules.size()) + " rule(s) to " +
-                                                   ctx.agent.text());
+    return send_and_wait_close(
+        ctx, expdef_request(rules),
+        rules.empty() ? "cleared the rules of this console on " + ctx.agent.text()
+                      : "sent " + std::to_string(rules.size()) + " rule(s) to " + ctx.agent.text());
 }
 
 int cmd_alert_interval(const Context& ctx, const Parsed& p) {
@@ -436,8 +445,11 @@ int cmd_alerts(const Context& ctx, const Parsed& p) {
     if (!ask(ctx, "<GETALERTS>\n", alerts_reply_complete, reply, status, true)) return status;
     std::vector<Alert> alerts;
     bool no_rules = false;
-    if (!parse_alerts_reply(reply, alerts, no_rules, err)) return ctx.fail("malformed alerts reply: " + err);
-    if (no_rules) std::fprintf(ctx.err, "vornmon alerts: the agent holds no rules (send some with 'vornmon rules')\n");
+    if (!parse_alerts_reply(reply, alerts, no_rules, err))
+        return ctx.fail("malformed alerts reply: " + err);
+    if (no_rules)
+        std::fprintf(ctx.err,
+                     "vornmon alerts: the agent holds no rules (send some with 'vornmon rules')\n");
     if (p.has("--json")) {
         for (const Alert& a : alerts) std::fprintf(ctx.out, "%s\n", alert_json(a).c_str());
         return kExitOk;
@@ -446,12 +458,12 @@ int cmd_alerts(const Context& ctx, const Parsed& p) {
         std::fprintf(ctx.out, "no alerts\n");
         return kExitOk;
     }
-    std::fprintf(ctx.out, "%-17s  %-16s  %-40s  %-4s %10s %10s %10s %10s  %s\n", "RAISED", "NAME", "METRIC",
-                 "COND", "LIMIT", "AVERAGE", "MIN", "MAX", "DESCRIPTION");
+    std::fprintf(ctx.out, "%-17s  %-16s  %-40s  %-4s %10s %10s %10s %10s  %s\n", "RAISED", "NAME",
+                 "METRIC", "COND", "LIMIT", "AVERAGE", "MIN", "MAX", "DESCRIPTION");
     for (const Alert& a : alerts)
-        std::fprintf(ctx.out, "%-17s  %-16s  %-40s  %-4s %10.2f %10.2f %10.2f %10.2f  %s\n", a.raised.c_str(),
-                     a.name.c_str(), a.path.c_str(), a.condition.c_str(), a.limit, a.ave, a.min, a.max,
-                     a.description.c_str());
+        std::fprintf(ctx.out, "%-17s  %-16s  %-40s  %-4s %10.2f %10.2f %10.2f %10.2f  %s\n",
+                     a.raised.c_str(), a.name.c_str(), a.path.c_str(), a.condition.c_str(), a.limit,
+                     a.ave, a.min, a.max, a.description.c_str());
     return kExitOk;
 }
 
@@ -474,14 +486,16 @@ int cmd_event(const Context& ctx, const Parsed& p) {
     for (const std::string& l : lines)
         if (l.size() > 510)  // the agent stores events in 512-byte slots
             return ctx.fail("an event line is limited to 510 characters", kExitUsage);
-    return send_and_wait_close(ctx, event_request(lines),
-                               "sent " + std::to_string(lines.size()) + " event(s) to " + ctx.agent.text());
+    return send_and_wait_close(
+        ctx, event_request(lines),
+        "sent " + std::to_string(lines.size()) + " event(s) to " + ctx.agent.text());
 }
 
 int cmd_events(const Context& ctx, const Parsed& p) {
     std::string reply, err;
     int status = 0;
-    if (!ask(ctx, "<EVENT_GET_ALERTS>\n", events_reply_complete, reply, status, true)) return status;
+    if (!ask(ctx, "<EVENT_GET_ALERTS>\n", events_reply_complete, reply, status, true))
+        return status;
     std::vector<std::string> events;
     if (!parse_events_reply(reply, events, err)) return ctx.fail("malformed events reply: " + err);
     for (const std::string& e : events)
@@ -501,14 +515,17 @@ int cmd_event_def(const Context& ctx, const Parsed& p) {
 int cmd_interval(const Context& ctx, const Parsed& p) {
     long seconds = 0;
     if (!to_int(p.operands[0], 1, 86400, seconds))
-        return ctx.fail("the interval is a whole number of seconds from 1 to 86400, got '" + p.operands[0] + "'",
+        return ctx.fail("the interval is a whole number of seconds from 1 to 86400, got '" +
+                            p.operands[0] + "'",
                         kExitUsage);
-    return send_and_wait_close(ctx, "<INTERVAL>\n" + std::to_string(seconds) + "\n",
-                               "interval set to " + std::to_string(seconds) + " s on " + ctx.agent.text());
+    return send_and_wait_close(
+        ctx, "<INTERVAL>\n" + std::to_string(seconds) + "\n",
+        "interval set to " + std::to_string(seconds) + " s on " + ctx.agent.text());
 }
 
 int cmd_exit(const Context& ctx, const Parsed&) {
-    return send_and_wait_close(ctx, "EXIT\n", "asked " + ctx.agent.text() + " to end its data connection");
+    return send_and_wait_close(ctx, "EXIT\n",
+                               "asked " + ctx.agent.text() + " to end its data connection");
 }
 
 const std::vector<OptionSpec> kStreamOptions = {
@@ -535,7 +552,8 @@ const std::vector<Command>& commands() {
          "  --width N       columns of plain text (default $COLUMNS or 100)\n"
          "  --reconnect S   give up after S seconds without the agent (default: never live,\n"
          "                  30 for plain text)\n",
-         with(kStreamOptions, {{"--once", false}, {"--sort", true}, {"--procs", true}, {"--width", true}}),
+         with(kStreamOptions,
+              {{"--once", false}, {"--sort", true}, {"--procs", true}, {"--width", true}}),
          0, 0, cmd_top},
         {"raw", "raw [--count N] [--interval N] [--reconnect S]",
          "Prints the data packets exactly as received, length prefix included.\n"
@@ -550,45 +568,81 @@ const std::vector<Command>& commands() {
          "  --interval N    scan interval asked of the agent (default 2)\n"
          "  --reconnect S   give up after S seconds without the agent (default 30)\n",
          kStreamOptions, 0, 0, cmd_json},
-        {"desc", "desc [--json]",
+        {"desc",
+         "desc [--json]",
          "Lists the leaves of the agent's metric tree: the paths that alert rules can name.\n"
          "Asking also starts the agent's alert checks.\n"
          "  --json          one JSON object per leaf\n",
-         {{"--json", false}}, 0, 0, cmd_desc},
-        {"rules", "rules [--no-check] FILE",
+         {{"--json", false}},
+         0,
+         0,
+         cmd_desc},
+        {"rules",
+         "rules [--no-check] FILE",
          "Sends alert rules, one a line: name:path:condition:limit:hours:minutes[:description]\n"
          "with condition one of > < >= <= == !=; '*' as a level of the path stands for every\n"
          "leaf below. Blank lines and lines starting with # are skipped; - reads standard\n"
          "input. The rules replace the ones this console's address sent before; an empty\n"
          "file clears them. Every path is checked against the agent's metrics first.\n"
          "  --no-check      send without checking the paths\n",
-         {{"--no-check", false}}, 1, 1, cmd_rules},
-        {"alert-interval", "alert-interval SECONDS",
+         {{"--no-check", false}},
+         1,
+         1,
+         cmd_rules},
+        {"alert-interval",
+         "alert-interval SECONDS",
          "Sets the seconds between the agent's alert checks (1 to 20000) and says whether the\n"
          "agent holds rules.\n",
-         {}, 1, 1, cmd_alert_interval},
-        {"alerts", "alerts [--json]",
+         {},
+         1,
+         1,
+         cmd_alert_interval},
+        {"alerts",
+         "alerts [--json]",
          "Fetches the alerts raised for this console's rules. Each alert is delivered once.\n"
          "  --json          one JSON object per alert\n",
-         {{"--json", false}}, 0, 0, cmd_alerts},
-        {"event", "event TEXT... | event -",
+         {{"--json", false}},
+         0,
+         0,
+         cmd_alerts},
+        {"event",
+         "event TEXT... | event -",
          "Hands one event line (the words joined by blanks) to the agent, which relays it to\n"
          "the console that asks for events; - sends each line of standard input.\n",
-         {}, 1, 1000000, cmd_event},
-        {"events", "events [--json]",
+         {},
+         1,
+         1000000,
+         cmd_event},
+        {"events",
+         "events [--json]",
          "Fetches the events waiting on the agent, one a line, and empties its store.\n"
          "  --json          each event as a JSON string\n",
-         {{"--json", false}}, 0, 0, cmd_events},
-        {"event-def", "event-def FILE",
+         {{"--json", false}},
+         0,
+         0,
+         cmd_events},
+        {"event-def",
+         "event-def FILE",
          "Stores FILE (- for standard input) as the agent's event definition file.\n",
-         {}, 1, 1, cmd_event_def},
-        {"interval", "interval SECONDS",
+         {},
+         1,
+         1,
+         cmd_event_def},
+        {"interval",
+         "interval SECONDS",
          "Sets the scan interval the agent prints in its packets and counts its alert\n"
          "checks by (1 to 86400).\n",
-         {}, 1, 1, cmd_interval},
-        {"exit", "exit",
+         {},
+         1,
+         1,
+         cmd_interval},
+        {"exit",
+         "exit",
          "Makes the agent end its data connection at its next scan.\n",
-         {}, 0, 0, cmd_exit},
+         {},
+         0,
+         0,
+         cmd_exit},
         {"openmetrics", "openmetrics [--listen HOST:PORT] [--interval N] [--reconnect S]",
          "Keeps a data connection open and serves the latest sample at /metrics in the\n"
          "OpenMetrics text format, for Prometheus to scrape. Names come from the metric\n"
@@ -603,8 +657,8 @@ const std::vector<Command>& commands() {
 }
 
 void print_command_help(std::FILE* out, const Command& c) {
-    std::fprintf(out, "usage: vornmon [--host HOST] [--port PORT] [--timeout SECONDS] %s\n\n%s", c.synopsis,
-                 c.help);
+    std::fprintf(out, "usage: vornmon [--host HOST] [--port PORT] [--timeout SECONDS] %s\n\n%s",
+                 c.synopsis, c.help);
 }
 
 }  // namespace
@@ -612,12 +666,14 @@ void print_command_help(std::FILE* out, const Command& c) {
 int Context::fail(const std::string& message, int status) const {
     std::string text = message;
     std::replace(text.begin(), text.end(), '\n', ' ');
-    std::fprintf(err, "vornmon%s%s: %s\n", command.empty() ? "" : " ", command.c_str(), text.c_str());
+    std::fprintf(err, "vornmon%s%s: %s\n", command.empty() ? "" : " ", command.c_str(),
+                 text.c_str());
     std::fflush(err);
     return status;
 }
 
-int run_vornmon(const std::vector<std::string>& args, std::FILE* out, std::FILE* err, std::FILE* in) {
+int run_vornmon(const std::vector<std::string>& args, std::FILE* out, std::FILE* err,
+                std::FILE* in) {
     Context ctx;
     ctx.out = out;
     ctx.err = err;
@@ -632,7 +688,9 @@ int run_vornmon(const std::vector<std::string>& args, std::FILE* out, std::FILE*
             if (!command) {
                 for (const Command& c : commands())
                     if (arg == c.name) command = &c;
-                if (!command) return ctx.fail("unknown command '" + arg + "' (see vornmon --help)", kExitUsage);
+                if (!command)
+                    return ctx.fail("unknown command '" + arg + "' (see vornmon --help)",
+                                    kExitUsage);
                 ctx.command = command->name;
             } else {
                 parsed.operands.push_back(arg);
@@ -672,23 +730,31 @@ int run_vornmon(const std::vector<std::string>& args, std::FILE* out, std::FILE*
                 ctx.agent.host = v;
             } else if (arg == "--port") {
                 if (!to_int(v, 1, 65535, n))
-                    return ctx.fail("--port needs a port from 1 to 65535, got '" + v + "'", kExitUsage);
+                    return ctx.fail("--port needs a port from 1 to 65535, got '" + v + "'",
+                                    kExitUsage);
                 ctx.agent.port = static_cast<int>(n);
             } else {
                 if (!to_int(v, 1, 3600, n))
-                    return ctx.fail("--timeout needs whole seconds from 1 to 3600, got '" + v + "'", kExitUsage);
+                    return ctx.fail("--timeout needs whole seconds from 1 to 3600, got '" + v + "'",
+                                    kExitUsage);
                 ctx.timeout_ms = static_cast<int>(n * 1000);
             }
             continue;
         }
-        if (!command) return ctx.fail("unknown option '" + arg + "' (see vornmon --help)", kExitUsage);
+        if (!command)
+            return ctx.fail("unknown option '" + arg + "' (see vornmon --help)", kExitUsage);
         const OptionSpec* spec = nullptr;
         for (const OptionSpec& o : command->options)
             if (arg == o.name) spec = &o;
-        if (!spec) return ctx.fail("unknown option '" + arg + "' (see vornmon " + command->name + " --help)", kExitUsage);
+        if (!spec)
+            return ctx.fail(
+                "unknown option '" + arg + "' (see vornmon " + command->name + " --help)",
+                kExitUsage);
         std::string v;
-        if (spec->takes_value && !take_value(v)) return ctx.fail(arg + " needs a value", kExitUsage);
-        if (!spec->takes_value && inline_value) return ctx.fail(arg + " takes no value", kExitUsage);
+        if (spec->takes_value && !take_value(v))
+            return ctx.fail(arg + " needs a value", kExitUsage);
+        if (!spec->takes_value && inline_value)
+            return ctx.fail(arg + " takes no value", kExitUsage);
         parsed.options[arg] = v;
     }
     if (!command) {
@@ -703,7 +769,8 @@ int run_vornmon(const std::vector<std::string>& args, std::FILE* out, std::FILE*
         print_command_help(out, *command);
         return kExitOk;
     }
-    if (parsed.operands.size() < command->min_operands || parsed.operands.size() > command->max_operands)
+    if (parsed.operands.size() < command->min_operands ||
+        parsed.operands.size() > command->max_operands)
         return ctx.fail(std::string("usage: vornmon ") + command->synopsis, kExitUsage);
     return command->run(ctx, parsed);
 }

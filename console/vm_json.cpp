@@ -10,7 +10,11 @@ namespace {
 // Length of the valid UTF-8 sequence at `s`, or 0.
 std::size_t utf8_length(std::string_view s) {
     unsigned char c = static_cast<unsigned char>(s[0]);
-    std::size_t n = c < 0x80 ? 1 : (c >> 5) == 0x6 ? 2 : (c >> 4) == 0xe ? 3 : (c >> 3) == 0x1e ? 4 : 0;
+    std::size_t n = c < 0x80           ? 1
+                    : (c >> 5) == 0x6  ? 2
+                    : (c >> 4) == 0xe  ? 3
+                    : (c >> 3) == 0x1e ? 4
+                                       : 0;
     if (n == 0 || n > s.size()) return 0;
     for (std::size_t i = 1; i < n; ++i)
         if ((static_cast<unsigned char>(s[i]) >> 6) != 0x2) return 0;
@@ -30,8 +34,9 @@ void append_metric(std::string& out, bool& first, const Metric& m, std::string_v
     out += ",\"units\":" + json_quote(m.units);
     if (m.is_process) {
         out += ",\"pid\":" + std::to_string(m.pid);
-        out += ",\"name\":" + (m.process_name.empty() && !m.from_header ? std::string("null")
-                                                                       : json_quote(m.process_name));
+        out +=
+            ",\"name\":" + (m.process_name.empty() && !m.from_header ? std::string("null")
+                                                                     : json_quote(m.process_name));
     }
     if (m.is_counter) {
         out += ",\"value\":" + (numeric ? json_number(number) : std::string("null"));

@@ -111,7 +111,8 @@ bool Session::accept(const Packet& packet, Sample& out, std::string& err) {
     for (const HeaderLine& h : packet.headers) {
         if (h.id == -1) continue;  // the agent ran out of ids: such rows cannot be addressed
         if (h.id <= 0) {
-            err = "header line with id " + std::to_string(h.id) + " for " + h.prefix + "->" + h.name;
+            err =
+                "header line with id " + std::to_string(h.id) + " for " + h.prefix + "->" + h.name;
             return false;
         }
         if (h.is_process) {
@@ -180,8 +181,8 @@ bool Session::accept(const Packet& packet, Sample& out, std::string& err) {
         r.text = d.value;
         r.numeric = parse_number(d.value, r.number);
         if (metric->is_counter && !r.numeric) {
-            err = "bad number " + quote_for_error(d.value) + " for " + quote_for_error(metric->path) +
-                  " (id " + std::to_string(d.id) + ")";
+            err = "bad number " + quote_for_error(d.value) + " for " +
+                  quote_for_error(metric->path) + " (id " + std::to_string(d.id) + ")";
             return false;
         }
         s.readings.push_back(std::move(r));

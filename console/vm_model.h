@@ -62,7 +62,7 @@ bool metric_from_process_id(long id, Metric& out);
 
 /// The definitions of one data connection and the decoding of its packets.
 class Session {
-public:
+  public:
     /// Applies the packet's header lines and decodes its data lines. On failure the
     /// session is unchanged and `err` says what was wrong.
     bool accept(const Packet& packet, Sample& out, std::string& err);
@@ -72,7 +72,7 @@ public:
     std::shared_ptr<const Metric> find(long id) const;
     const std::map<long, std::shared_ptr<const Metric>>& metrics() const { return metrics_; }
 
-private:
+  private:
     std::map<long, std::shared_ptr<const Metric>> metrics_;
 };
 

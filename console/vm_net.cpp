@@ -303,7 +303,9 @@ DataStream::Status DataStream::wait(int timeout_ms, Packet& out, std::string& er
 Reconnector::Reconnector(int give_up_s)
     : give_up_s_(give_up_s), last_progress_(Clock::now()), connected_at_(Clock::now()) {}
 
-void Reconnector::progress() { last_progress_ = Clock::now(); }
+void Reconnector::progress() {
+    last_progress_ = Clock::now();
+}
 
 void Reconnector::connected() {
     lost_ = false;
@@ -314,20 +316,27 @@ void Reconnector::lost() {
     if (!lost_) {
         // A connection that ends soon after it was made (another console taking the data
         // connection back, an agent that closes at once) must not be retried in a tight loop.
-        if (Clock::now() - connected_at_ > std::chrono::seconds(30)) pause_ms_ = 500;
-        else pause_ms_ = std::min(pause_ms_ * 2, 8000);
+        if (Clock::now() - connected_at_ > std::chrono::seconds(30))
+            pause_ms_ = 500;
+        else
+            pause_ms_ = std::min(pause_ms_ * 2, 8000);
     }
     lost_ = true;
     next_ = Clock::now() + std::chrono::milliseconds(pause_ms_);
 }
 
-bool Reconnector::due() const { return lost_ && Clock::now() >= next_; }
-
-bool Reconnector::given_up() const {
-    return lost_ && give_up_s_ > 0 && Clock::now() - last_progress_ > std::chrono::seconds(give_up_s_);
+bool Reconnector::due() const {
+    return lost_ && Clock::now() >= next_;
 }
 
-int Reconnector::ms_until_due() const { return lost_ ? ms_left(next_) : 0; }
+bool Reconnector::given_up() const {
+    return lost_ && give_up_s_ > 0 &&
+           Clock::now() - last_progress_ > std::chrono::seconds(give_up_s_);
+}
+
+int Reconnector::ms_until_due() const {
+    return lost_ ? ms_left(next_) : 0;
+}
 
 void Reconnector::failed_attempt() {
     pause_ms_ = std::min(pause_ms_ * 2, 8000);

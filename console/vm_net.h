@@ -23,7 +23,7 @@ bool parse_host_port(std::string_view text, Endpoint& out, std::string& err);
 
 /// An owned socket descriptor.
 class Socket {
-public:
+  public:
     Socket() = default;
     explicit Socket(int fd) : fd_(fd) {}
     Socket(Socket&& o) noexcept : fd_(o.release()) {}
@@ -40,7 +40,7 @@ public:
     }
     void close();
 
-private:
+  private:
     int fd_ = -1;
 };
 
@@ -69,7 +69,7 @@ bool exchange(const Endpoint& ep, std::string_view request, bool half_close, int
 /// The data connection: sends "<DATA>" with the scan interval and yields packets as they
 /// arrive. It reads without blocking so callers can wait on it beside other descriptors.
 class DataStream {
-public:
+  public:
     enum class Status { kIdle, kPacket, kLost, kMalformed };
 
     DataStream(Endpoint ep, int interval, int timeout_ms)
@@ -89,7 +89,7 @@ public:
     /// Time a silent agent is given before the connection counts as lost.
     int silence_ms() const;
 
-private:
+  private:
     Endpoint ep_;
     int interval_;
     int timeout_ms_;
@@ -103,7 +103,7 @@ private:
 /// Decides when to try again after a lost data connection: doubling pauses up to a cap,
 /// and giving up after `give_up_s` seconds without a packet (0: never give up).
 class Reconnector {
-public:
+  public:
     explicit Reconnector(int give_up_s);
     void lost();
     void connected();
@@ -115,7 +115,7 @@ public:
     int ms_until_due() const;
     void failed_attempt();
 
-private:
+  private:
     int give_up_s_;
     bool lost_ = false;
     int pause_ms_ = 250;

@@ -1,7 +1,5 @@
 #include "console/vm_openmetrics.h"
 
-#include "console/vm_json.h"
-
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -16,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+
+#include "console/vm_json.h"
 
 namespace vornmon {
 namespace {
@@ -72,10 +72,14 @@ std::string om_number(double v) {
 std::string escape_label(std::string_view v) {
     std::string out;
     for (char c : v) {
-        if (c == '\\') out += "\\\\";
-        else if (c == '"') out += "\\\"";
-        else if (c == '\n') out += "\\n";
-        else out += c;
+        if (c == '\\')
+            out += "\\\\";
+        else if (c == '"')
+            out += "\\\"";
+        else if (c == '\n')
+            out += "\\n";
+        else
+            out += c;
     }
     return out;
 }
@@ -83,9 +87,12 @@ std::string escape_label(std::string_view v) {
 std::string escape_help(std::string_view v) {
     std::string out;
     for (char c : v) {
-        if (c == '\\') out += "\\\\";
-        else if (c == '\n') out += "\\n";
-        else out += c;
+        if (c == '\\')
+            out += "\\\\";
+        else if (c == '\n')
+            out += "\\n";
+        else
+            out += c;
     }
     return out;
 }
@@ -183,8 +190,10 @@ std::string openmetrics_text(const Sample* sample, bool up) {
             // The first scan of a data connection can carry a series twice (the lines of the
             // start-up pass go out with the first tick); the later value is the current one.
             auto [slot, added] = f.by_labels.try_emplace(labels, f.samples.size());
-            if (added) f.samples.push_back(std::move(line));
-            else f.samples[slot->second] = std::move(line);
+            if (added)
+                f.samples.push_back(std::move(line));
+            else
+                f.samples[slot->second] = std::move(line);
         }
     }
     std::string out;

@@ -29,7 +29,7 @@ std::string openmetrics_text(const Sample* sample, bool up);
 
 /// A minimal HTTP/1.1 server for scrapes: one request per connection, answered and closed.
 class ScrapeServer {
-public:
+  public:
     bool listen(const Endpoint& ep, std::string& err);
     int fd() const { return listener_.fd(); }
     /// The port actually bound (useful when asked for port 0).
@@ -40,7 +40,7 @@ public:
     void serve(const std::function<std::string()>& render);
     std::size_t clients() const { return clients_.size(); }
 
-private:
+  private:
     struct Client {
         Socket sock;
         std::string request;

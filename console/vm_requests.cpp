@@ -78,7 +78,9 @@ bool parse_leaf_line(std::string_view line, Leaf& out, std::string& err) {
     return true;
 }
 
-bool desc_reply_complete(std::string_view reply) { return ends_with_line(reply, "</HEADER>"); }
+bool desc_reply_complete(std::string_view reply) {
+    return ends_with_line(reply, "</HEADER>");
+}
 
 bool parse_desc_reply(std::string_view reply, std::vector<Leaf>& out, std::string& err) {
     out.clear();
@@ -133,7 +135,9 @@ bool parse_alert_line(std::string_view line, Alert& out, std::string& err) {
     return true;
 }
 
-bool alerts_reply_complete(std::string_view reply) { return ends_with_line(reply, kAlertsClose); }
+bool alerts_reply_complete(std::string_view reply) {
+    return ends_with_line(reply, kAlertsClose);
+}
 
 bool parse_alerts_reply(std::string_view reply, std::vector<Alert>& out, bool& no_rules,
                         std::string& err) {
@@ -146,8 +150,9 @@ bool parse_alerts_reply(std::string_view reply, std::vector<Alert>& out, bool& n
         ++at;
     }
     if (at >= lines.size() || lines[at] != kAlertsOpen) {
-        err = at < lines.size() ? "reply to <GETALERTS> without <ALERTS>: " + quote_for_error(lines[at])
-                                : "reply to <GETALERTS> without <ALERTS>";
+        err = at < lines.size()
+                  ? "reply to <GETALERTS> without <ALERTS>: " + quote_for_error(lines[at])
+                  : "reply to <GETALERTS> without <ALERTS>";
         return false;
     }
     if (!alerts_reply_complete(reply)) {
@@ -181,8 +186,8 @@ bool parse_events_reply(std::string_view reply, std::vector<std::string>& out, s
         return false;
     }
     // Events are relayed verbatim; one stored without a line end runs into the closing tag.
-    std::string_view body = reply.substr(open.size(), reply.size() - open.size() -
-                                                          kEventsClose.size() - 1);
+    std::string_view body =
+        reply.substr(open.size(), reply.size() - open.size() - kEventsClose.size() - 1);
     for (std::string_view line : split_lines(body)) out.emplace_back(line);
     return true;
 }
@@ -243,8 +248,7 @@ bool parse_rule_line(std::string_view line, Rule& out, std::string& err) {
         return false;
     }
     if (!is_condition(out.condition)) {
-        err = "unknown condition " + quote_for_error(out.condition) +
-              " (one of > < >= <= == !=)";
+        err = "unknown condition " + quote_for_error(out.condition) + " (one of > < >= <= == !=)";
         return false;
     }
     if (!parse_limit(fields[3], out.limit)) {

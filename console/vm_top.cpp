@@ -16,7 +16,9 @@ namespace {
 
 std::atomic<int> g_stop{0};
 
-void on_stop_signal(int) { g_stop.store(1, std::memory_order_relaxed); }
+void on_stop_signal(int) {
+    g_stop.store(1, std::memory_order_relaxed);
+}
 
 // Leaves the terminal as it was found, whatever path ends the view.
 struct Screen {
@@ -58,14 +60,17 @@ void draw(const HostView* view, const std::string& source, SortKey sort, int scr
     erase();
     int rows = LINES, cols = COLS;
     if (!view) {
-        mvaddnstr(0, 0, ("vornmon " + source + "  waiting for data (first figures after one scan)...").c_str(),
-                  cols);
+        mvaddnstr(
+            0, 0,
+            ("vornmon " + source + "  waiting for data (first figures after one scan)...").c_str(),
+            cols);
     } else {
         std::vector<ViewLine> lines = layout_view(*view, source, sort, cols, -1);
         // Everything above the process rows is always shown; the process rows scroll.
         std::size_t first_process = lines.size();
         for (std::size_t i = 0; i < lines.size(); ++i)
-            if (lines[i].kind == ViewLine::kColumns && lines[i].text.find("PID") != std::string::npos &&
+            if (lines[i].kind == ViewLine::kColumns &&
+                lines[i].text.find("PID") != std::string::npos &&
                 lines[i].text.find("NAME") != std::string::npos)
                 first_process = i + 1;
         int y = 0;
@@ -89,7 +94,8 @@ void draw(const HostView* view, const std::string& source, SortKey sort, int scr
             ++y;
         }
     }
-    std::string keys = "q quit  c cpu  m memory  p pid  n name  i io  r renew names  up/down scroll";
+    std::string keys =
+        "q quit  c cpu  m memory  p pid  n name  i io  r renew names  up/down scroll";
     if (!status.empty()) keys = status + "   " + keys;
     attron(A_REVERSE);
     mvaddnstr(rows - 1, 0, keys.c_str(), cols);
@@ -108,7 +114,8 @@ int run_top_screen(const Context& ctx, const TopOptions& o) {
     struct sigaction sa {};
     sa.sa_handler = on_stop_signal;
     sigemptyset(&sa.sa_mask);
-    struct sigaction old_int {}, old_term {}, old_hup {};
+    struct sigaction old_int {
+    }, old_term{}, old_hup{};
     sigaction(SIGINT, &sa, &old_int);
     sigaction(SIGTERM, &sa, &old_term);
     sigaction(SIGHUP, &sa, &old_hup);
@@ -130,19 +137,44 @@ int run_top_screen(const Context& ctx, const TopOptions& o) {
         while (!g_stop.load(std::memory_order_relaxed)) {
             pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {stream.fd(), POLLIN, 0}};
             int n = stream.is_open() ? 2 : 1;
-            int wait_ms = stream.is_open() ? 1000 : std::clamp(reconnector.ms_until_due(), 10, 1000);
+            int wait_ms =
+                stream.is_open() ? 1000 : std::clamp(reconnector.ms_until_due(), 10, 1000);
             if (poll(fds, n, wait_ms) < 0 && errno != EINTR) break;
             bool redraw = false;
             for (int ch; (ch = getch()) != ERR;) {
                 redraw = true;
                 switch (ch) {
-                    case 'q': case 'Q': g_stop.store(1); break;
-                    case 'c': case 'C': sort = SortKey::kCpu; scroll = 0; break;
-                    case 'm': case 'M': sort = SortKey::kMemory; scroll = 0; break;
-                    case 'p': case 'P': sort = SortKey::kPid; scroll = 0; break;
-                    case 'n': case 'N': sort = SortKey::kName; scroll = 0; break;
-                    case 'i': case 'I': sort = SortKey::kIo; scroll = 0; break;
-                    case 'r': case 'R':
+                    case 'q':
+                    case 'Q':
+                        g_stop.store(1);
+                        break;
+                    case 'c':
+                    case 'C':
+                        sort = SortKey::kCpu;
+                        scroll = 0;
+                        break;
+                    case 'm':
+                    case 'M':
+                        sort = SortKey::kMemory;
+                        scroll = 0;
+                        break;
+                    case 'p':
+                    case 'P':
+                        sort = SortKey::kPid;
+                        scroll = 0;
+                        break;
+                    case 'n':
+                    case 'N':
+                        sort = SortKey::kName;
+                        scroll = 0;
+                        break;
+                    case 'i':
+                    case 'I':
+                        sort = SortKey::kIo;
+                        scroll = 0;
+                        break;
+                    case 'r':
+                    case 'R':
                         // Processes started after the header packet have no name on the wire;
                         // a new data connection brings a header packet that names them.
                         if (stream.open(err)) {
@@ -155,14 +187,27 @@ int run_top_screen(const Context& ctx, const TopOptions& o) {
                             reconnector.lost();
                         }
                         break;
-                    case KEY_DOWN: case 'j': ++scroll; break;
-                    case KEY_UP: case 'k': scroll = std::max(0, scroll - 1); break;
-                    case KEY_NPAGE: scroll += std::max(1, LINES / 2); break;
-                    case KEY_PPAGE: scroll = std::max(0, scroll - std::max(1, LINES / 2)); break;
-                    default: break;
+                    case KEY_DOWN:
+                    case 'j':
+                        ++scroll;
+                        break;
+                    case KEY_UP:
+                    case 'k':
+                        scroll = std::max(0, scroll - 1);
+                        break;
+                    case KEY_NPAGE:
+                        scroll += std::max(1, LINES / 2);
+                        break;
+                    case KEY_PPAGE:
+                        scroll = std::max(0, scroll - std::max(1, LINES / 2));
+                        break;
+                    default:
+                        break;
                 }
             }
-            if (view) scroll = std::min(scroll, std::max(0, static_cast<int>(view->processes.size()) - 1));
+            if (view)
+                scroll =
+                    std::min(scroll, std::max(0, static_cast<int>(view->processes.size()) - 1));
             if (!stream.is_open()) {
                 if (reconnector.given_up()) {
                     result = kExitFailure;

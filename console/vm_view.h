@@ -57,7 +57,7 @@ struct HostView {
     CpuSplit cpu;
     std::vector<ProcessorRow> processors;
     MemoryView memory;
-    std::vector<DiskRow> disks;  // busiest first
+    std::vector<DiskRow> disks;      // busiest first
     std::vector<FsRow> filesystems;  // fullest first
     NetView net;
     bool has_processes = false;

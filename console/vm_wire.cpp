@@ -13,14 +13,18 @@ constexpr std::string_view kPlainSep = "->";
 constexpr std::string_view kPrefixWord = "BUFFERSIZE=";
 constexpr std::size_t kMaxPrefixDigits = 10;
 
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 std::string_view trim_left(std::string_view s) {
     while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
     return s;
 }
 
-bool only_blanks(std::string_view s) { return trim_left(s).empty(); }
+bool only_blanks(std::string_view s) {
+    return trim_left(s).empty();
+}
 
 // Splits "name  (pid)->counter"; the pid group is searched from the right because a
 // process may call itself anything, "  (" included, while counter names are fixed.
@@ -119,8 +123,7 @@ bool parse_header_line(std::string_view line, HeaderLine& out, std::string& err)
     }
     // The id is the first "::<integer>::" group; names before it may hold single colons.
     std::size_t id_start = std::string_view::npos, id_end = 0;
-    for (std::size_t p = line.find("::"); p != std::string_view::npos;
-         p = line.find("::", p + 1)) {
+    for (std::size_t p = line.find("::"); p != std::string_view::npos; p = line.find("::", p + 1)) {
         std::size_t q = line.find("::", p + 2);
         if (q == std::string_view::npos) break;
         long id = 0;
@@ -140,8 +143,7 @@ bool parse_header_line(std::string_view line, HeaderLine& out, std::string& err)
 
     // Description runs to the "::" that starts "<marker>,".
     std::size_t tail = std::string_view::npos;
-    for (std::size_t p = rest.find("::"); p != std::string_view::npos;
-         p = rest.find("::", p + 1)) {
+    for (std::size_t p = rest.find("::"); p != std::string_view::npos; p = rest.find("::", p + 1)) {
         std::size_t k = p + 2;
         if (k < rest.size() && rest[k] == '-') ++k;
         std::size_t d = k;
@@ -172,9 +174,8 @@ bool parse_header_line(std::string_view line, HeaderLine& out, std::string& err)
     out.marker = static_cast<int>(marker);
     out.units = std::string(fields.substr(c1 + 1, c2 - c1 - 1));
     std::size_t c3 = fields.find(',', c2 + 1);
-    std::string_view flag = fields.substr(c2 + 1, c3 == std::string_view::npos
-                                                       ? std::string_view::npos
-                                                       : c3 - c2 - 1);
+    std::string_view flag =
+        fields.substr(c2 + 1, c3 == std::string_view::npos ? std::string_view::npos : c3 - c2 - 1);
     if (flag != "0" && flag != "1") {
         err = "is_counter must be 0 or 1 in header line " + quote_for_error(line);
         return false;
@@ -208,8 +209,8 @@ bool parse_header_line(std::string_view line, HeaderLine& out, std::string& err)
         return false;
     }
     if (out.marked != (out.marker != 0)) {
-        err = "separator does not match marker " + std::to_string(out.marker) +
-              " in header line " + quote_for_error(line);
+        err = "separator does not match marker " + std::to_string(out.marker) + " in header line " +
+              quote_for_error(line);
         return false;
     }
     if (out.prefix == "Process") {
@@ -255,8 +256,9 @@ bool parse_packet_body(std::string_view body, Packet& out, std::string& err) {
     }
     std::size_t at = 0;
     auto where = [&]() {
-        return at < lines.size() ? "line " + std::to_string(at + 1) + " " + quote_for_error(lines[at])
-                                 : std::string("end of packet");
+        return at < lines.size()
+                   ? "line " + std::to_string(at + 1) + " " + quote_for_error(lines[at])
+                   : std::string("end of packet");
     };
     auto expect = [&](std::string_view tag) {
         if (at < lines.size() && lines[at] == tag) {
@@ -398,7 +400,8 @@ Framer::Result Framer::next(std::string& body, std::string& raw, std::string& er
         if (end != std::string_view::npos)
             return fail("length prefix " + digits + " does not match the packet: it ends after " +
                         std::to_string(end + kEnd.size()) + " bytes");
-        return fail("length prefix " + digits + " does not match the packet: no </START> at its end");
+        return fail("length prefix " + digits +
+                    " does not match the packet: no </START> at its end");
     }
     body.assign(b);
     raw.assign(buffer_.data(), total);

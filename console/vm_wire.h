@@ -16,13 +16,13 @@ namespace vornmon {
 /// One header line: "<prefix><sep><name>::<id>::<description>::<marker>,<units>,<is_counter>
 /// [,<value>]" where <sep> is "~^1~^->" (marker set) or "->".
 struct HeaderLine {
-    std::string prefix;       // class prefix as sent ("Cpu", "Disk", "Process", ...)
-    std::string name;         // counter name below the prefix, blanks kept
-    bool marked = false;      // the separator was "~^1~^->"
+    std::string prefix;   // class prefix as sent ("Cpu", "Disk", "Process", ...)
+    std::string name;     // counter name below the prefix, blanks kept
+    bool marked = false;  // the separator was "~^1~^->"
     long id = 0;
     std::string description;
     int marker = 0;
-    std::string units;        // kept exactly, blanks included
+    std::string units;  // kept exactly, blanks included
     int is_counter = 0;
     std::optional<std::string> value;  // attributes (is_counter 0) carry their value
 
@@ -30,7 +30,7 @@ struct HeaderLine {
     bool is_process = false;
     std::string process_name;
     long pid = 0;
-    std::string counter;      // name below the instance ("% CPU Utilization")
+    std::string counter;  // name below the instance ("% CPU Utilization")
 };
 
 /// One data line: "<id>=<value>".
@@ -62,7 +62,7 @@ bool parse_long(std::string_view text, long& out);
 /// Splits the byte stream of a data connection into packets. Bytes go in as they arrive;
 /// complete packets come out. After an error the framer stays failed.
 class Framer {
-public:
+  public:
     enum class Result { kNeedMore, kPacket, kError };
 
     /// Largest body accepted; a bigger prefix is taken as garbage, not as a packet.
@@ -74,9 +74,12 @@ public:
     Result next(std::string& body, std::string& raw, std::string& err);
     /// Bytes received but not yet part of a complete packet.
     std::size_t pending() const { return buffer_.size(); }
-    void reset() { buffer_.clear(); failed_.clear(); }
+    void reset() {
+        buffer_.clear();
+        failed_.clear();
+    }
 
-private:
+  private:
     std::string buffer_;
     std::string failed_;
 };

@@ -82,7 +82,8 @@ TEST(Cli, UsageErrorsExitTwo) {
     expect_one_line_error(vm({"top", "--once", "--count", "2"}), kExitUsage, "exclude");
     expect_one_line_error(vm({"json", "--count", "x"}), kExitUsage, "--count");
     expect_one_line_error(vm({"openmetrics", "--listen", "nowhere"}), kExitUsage, "host:port");
-    expect_one_line_error(vm({"rules", "-"}, "broken rule\n"), kExitUsage, "standard input, line 1");
+    expect_one_line_error(vm({"rules", "-"}, "broken rule\n"), kExitUsage,
+                          "standard input, line 1");
     expect_one_line_error(vm({"event", std::string(600, 'x')}), kExitUsage, "510");
     EXPECT_EQ(vm({}).status, kExitUsage);
 }
@@ -90,21 +91,33 @@ TEST(Cli, UsageErrorsExitTwo) {
 TEST(Cli, HelpForEveryCommand) {
     Outcome r = vm({"--help"});
     EXPECT_EQ(r.status, 0);
-    for (const char* c : {"top", "raw", "json", "desc", "rules", "alert-interval", "alerts", "event", "events",
-                          "event-def", "interval", "exit", "openmetrics"}) {
+    for (const char* c : {"top", "raw", "json", "desc", "rules", "alert-interval", "alerts",
+                          "event", "events", "event-def", "interval", "exit", "openmetrics"}) {
         EXPECT_NE(r.out.find(std::string("  ") + c + " "), std::string::npos) << c;
         Outcome h = vm({c, "--help"});
         EXPECT_EQ(h.status, 0) << c;
-        EXPECT_EQ(h.out.rfind(std::string("usage: vornmon [--host HOST] [--port PORT] [--timeout SECONDS] ") + c, 0), 0u)
+        EXPECT_EQ(
+            h.out.rfind(
+                std::string("usage: vornmon [--host HOST] [--port PORT] [--timeout SECONDS] ") + c,
+                0),
+            0u)
             << h.out;
     }
 }
 
 TEST(Cli, UnreachableAgentsFailFast) {
     int port = closed_port();
-    for (std::vector<std::string> cmd : std::vector<std::vector<std::string>>{
-             {"desc"}, {"alerts"}, {"events"}, {"exit"}, {"interval", "5"}, {"json", "--count", "1"},
-             {"raw", "--count", "1"}, {"top", "--once"}, {"event", "x"}, {"openmetrics", "--listen", "127.0.0.1:0"}}) {
+    for (std::vector<std::string> cmd :
+         std::vector<std::vector<std::string>>{{"desc"},
+                                               {"alerts"},
+                                               {"events"},
+                                               {"exit"},
+                                               {"interval", "5"},
+                                               {"json", "--count", "1"},
+                                               {"raw", "--count", "1"},
+                                               {"top", "--once"},
+                                               {"event", "x"},
+                                               {"openmetrics", "--listen", "127.0.0.1:0"}}) {
         Outcome r = vm(at(port, cmd));
         expect_one_line_error(r, kExitFailure, "Connection refused");
         EXPECT_LT(r.seconds, 3.0);
@@ -132,7 +145,9 @@ TEST(Cli, DescListsLeaves) {
     Outcome r = vm(at(agent.port(), {"desc"}));
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(request, "<DESC>");
-    EXPECT_NE(r.out.find("Cpu->Average Utilization  %      Overall CPU Utilzation"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("Cpu->Average Utilization  %      Overall CPU Utilzation"),
+              std::string::npos)
+        << r.out;
     EXPECT_LT(r.seconds, 0.9);
 }
 
@@ -150,14 +165,17 @@ TEST(Cli, RulesAreCheckedThenSent) {
         std::lock_guard<std::mutex> lock(m);
         received.push_back(all);
     });
-    Outcome r = vm(at(agent.port(), {"rules", "-"}),
-               "# comment\nbusy:Cpu->Average Utilization:>:90:0:1:cpu busy\nnet:TCP->*:>:1000:0:5\n");
+    Outcome r =
+        vm(at(agent.port(), {"rules", "-"}),
+           "# comment\nbusy:Cpu->Average Utilization:>:90:0:1:cpu busy\nnet:TCP->*:>:1000:0:5\n");
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "sent 2 rule(s) to 127.0.0.1:" + std::to_string(agent.port()) + "\n");
     {
         std::lock_guard<std::mutex> lock(m);
         ASSERT_EQ(received.size(), 1u);
-        EXPECT_EQ(received[0], "<EXPDEF>\nbusy:Cpu->Average Utilization:>:90:0:1:cpu busy\nnet:TCP->*:>:1000:0:5\n</EXPDEF>\n");
+        EXPECT_EQ(received[0],
+                  "<EXPDEF>\nbusy:Cpu->Average Utilization:>:90:0:1:cpu "
+                  "busy\nnet:TCP->*:>:1000:0:5\n</EXPDEF>\n");
     }
     // An unknown path is refused before anything is sent: the agent would drop the rest silently.
     r = vm(at(agent.port(), {"rules", "-"}), "x:Cpu->Average Utilisation:>:90:0:1\n");
@@ -165,7 +183,8 @@ TEST(Cli, RulesAreCheckedThenSent) {
     r = vm(at(agent.port(), {"rules", "--no-check", "-"}), "x:Cpu->Average Utilisation:>:90:0:1\n");
     EXPECT_EQ(r.status, 0) << r.err;
     r = vm(at(agent.port(), {"rules", "-"}), "# nothing\n");
-    EXPECT_EQ(r.out, "cleared the rules of this console on 127.0.0.1:" + std::to_string(agent.port()) + "\n");
+    EXPECT_EQ(r.out, "cleared the rules of this console on 127.0.0.1:" +
+                         std::to_string(agent.port()) + "\n");
     std::lock_guard<std::mutex> lock(m);
     ASSERT_EQ(received.size(), 3u);
     EXPECT_EQ(received[2], "<EXPDEF>\n</EXPDEF>\n");
@@ -204,7 +223,8 @@ TEST(Cli, SettingsRequestsSendExactlyTheirLines) {
 namespace {
 
 // Serves the hand-made stream: header packet, then data packets every 50 ms.
-FakeAgent::Script stream_script(std::string* asked, int data_packets, const std::string& tail = "") {
+FakeAgent::Script stream_script(std::string* asked, int data_packets,
+                                const std::string& tail = "") {
     return [=](FakeConn& c) {
         std::string line, interval;
         c.read_line(line);

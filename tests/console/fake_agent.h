@@ -20,7 +20,7 @@
 namespace vornmon_test {
 
 class FakeConn {
-public:
+  public:
     explicit FakeConn(int fd) : fd_(fd) {}
     ~FakeConn() { close(); }
     FakeConn(const FakeConn&) = delete;
@@ -61,7 +61,7 @@ public:
         fd_ = -1;
     }
 
-private:
+  private:
     bool fill(std::chrono::steady_clock::time_point deadline) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                         deadline - std::chrono::steady_clock::now())
@@ -80,7 +80,7 @@ private:
 };
 
 class FakeAgent {
-public:
+  public:
     using Script = std::function<void(FakeConn&)>;
 
     explicit FakeAgent(Script script) : script_(std::move(script)) {
@@ -113,7 +113,7 @@ public:
     int port() const { return port_; }
     int connections() const { return connections_.load(); }
 
-private:
+  private:
     void run() {
         while (!stop_) {
             pollfd p{fd_, POLLIN, 0};

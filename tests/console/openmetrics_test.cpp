@@ -77,7 +77,8 @@ TEST(Exposure, NamesCarryBaseUnitsAndInstancesBecomeLabels) {
 
     // Per-instance attributes are what the labels already say.
     EXPECT_FALSE(expose(metric("Disk~^1~^->sda->Name::7::Disk name::1,0,0,sda")).exported);
-    EXPECT_FALSE(expose(metric("Process~^1~^->bash  (4242)->PID::141893::Process Id::1, ,0,4242")).exported);
+    EXPECT_FALSE(
+        expose(metric("Process~^1~^->bash  (4242)->PID::141893::Process Id::1, ,0,4242")).exported);
 }
 
 TEST(Exposition, FamiliesAreWholeAndLabelsEscaped) {
@@ -92,16 +93,22 @@ TEST(Exposition, FamiliesAreWholeAndLabelsEscaped) {
                         "vornrta_cpu_average_utilization_percent 16.5\n"),
               std::string::npos)
         << text;
-    EXPECT_NE(text.find("vornrta_process_cpu_utilization_percent{pid=\"4242\",name=\"bash\",user=\"root\"} 2.5\n"),
+    EXPECT_NE(text.find("vornrta_process_cpu_utilization_percent{pid=\"4242\",name=\"bash\",user="
+                        "\"root\"} 2.5\n"),
               std::string::npos);
-    EXPECT_NE(text.find("vornrta_process_cpu_utilization_percent{pid=\"77\",name=\"my (odd)  name\"} 0\n"),
-              std::string::npos);
-    EXPECT_NE(text.find("vornrta_process_rss_bytes{pid=\"4242\",name=\"bash\",user=\"root\"} 5242880\n"),
-              std::string::npos);
+    EXPECT_NE(
+        text.find(
+            "vornrta_process_cpu_utilization_percent{pid=\"77\",name=\"my (odd)  name\"} 0\n"),
+        std::string::npos);
+    EXPECT_NE(
+        text.find("vornrta_process_rss_bytes{pid=\"4242\",name=\"bash\",user=\"root\"} 5242880\n"),
+        std::string::npos);
     EXPECT_NE(text.find("vornrta_memory_system_memory_bytes 8340373504\n"), std::string::npos);
-    EXPECT_NE(text.find("vornrta_filesystem_space_used_percent{mountpoint=\"/\"} 61.2\n"), std::string::npos);
+    EXPECT_NE(text.find("vornrta_filesystem_space_used_percent{mountpoint=\"/\"} 61.2\n"),
+              std::string::npos);
     // Every family's TYPE line appears once, before its samples.
-    for (std::size_t at = text.find("# TYPE "); at != std::string::npos; at = text.find("# TYPE ", at + 1)) {
+    for (std::size_t at = text.find("# TYPE "); at != std::string::npos;
+         at = text.find("# TYPE ", at + 1)) {
         std::string name = text.substr(at + 7, text.find(' ', at + 7) - at - 7);
         EXPECT_EQ(text.find("# TYPE " + name + " "), at) << name;
     }
@@ -131,7 +138,8 @@ TEST(Exposition, PassesPromtool) {
     bool have = std::system("command -v promtool >/dev/null 2>&1") == 0;
     if (!have) {
         const char* required = std::getenv("VORN_REQUIRE_PROMTOOL");
-        ASSERT_FALSE(required && std::string(required) == "1") << "promtool is required but missing";
+        ASSERT_FALSE(required && std::string(required) == "1")
+            << "promtool is required but missing";
         GTEST_SKIP() << "promtool not installed";
     }
     Session session;
@@ -169,7 +177,9 @@ TEST(ScrapeServer, AnswersScrapesAndRefusesTheRest) {
     };
     std::string ok = ask("GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
     EXPECT_EQ(ok.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << ok;
-    EXPECT_NE(ok.find("Content-Type: application/openmetrics-text; version=1.0.0; charset=utf-8\r\n"), std::string::npos);
+    EXPECT_NE(
+        ok.find("Content-Type: application/openmetrics-text; version=1.0.0; charset=utf-8\r\n"),
+        std::string::npos);
     EXPECT_NE(ok.find("Content-Length: 10\r\n"), std::string::npos);
     EXPECT_EQ(ok.substr(ok.size() - 10), "x 1\n# EOF\n");
     EXPECT_EQ(ask("GET /other HTTP/1.1\r\n\r\n").rfind("HTTP/1.1 404", 0), 0u);

@@ -38,10 +38,12 @@ TEST(AlertsReply, FieldsAreTakenFromBothEnds) {
     std::string reply =
         "<GETEXP>\n"
         "<ALERTS>\n"
-        "CPU high::Process->sendmail->% CPU Utilization::>::80.000000::91.250000::85.000000::97.500000"
+        "CPU high::Process->sendmail->% CPU "
+        "Utilization::>::80.000000::91.250000::85.000000::97.500000"
         "::05-Mar-2011 14:07::sendmail uses too much CPU\n"
         "\n"
-        "quiet::TCP->Packet Rate->Sent::<::1.000000::0.000000::0.000000::0.000000::06-Mar-2011 00:00::\n"
+        "quiet::TCP->Packet Rate->Sent::<::1.000000::0.000000::0.000000::0.000000::06-Mar-2011 "
+        "00:00::\n"
         "</ALERTS>\n";
     ASSERT_TRUE(alerts_reply_complete(reply));
     std::vector<Alert> alerts;
@@ -64,22 +66,27 @@ TEST(AlertsReply, FieldsAreTakenFromBothEnds) {
     EXPECT_TRUE(alerts.empty());
     EXPECT_FALSE(no_rules);
     EXPECT_FALSE(parse_alerts_reply("<ALERTS>\n", alerts, no_rules, err));
-    EXPECT_FALSE(parse_alerts_reply("<ALERTS>\nx::p::=>::1::2::3::4::t::d\n</ALERTS>\n", alerts, no_rules, err));
+    EXPECT_FALSE(parse_alerts_reply("<ALERTS>\nx::p::=>::1::2::3::4::t::d\n</ALERTS>\n", alerts,
+                                    no_rules, err));
     EXPECT_NE(err.find("condition"), std::string::npos);
-    EXPECT_FALSE(parse_alerts_reply("<ALERTS>\nx::p::>::1::two::3::4::t::d\n</ALERTS>\n", alerts, no_rules, err));
+    EXPECT_FALSE(parse_alerts_reply("<ALERTS>\nx::p::>::1::two::3::4::t::d\n</ALERTS>\n", alerts,
+                                    no_rules, err));
 }
 
 TEST(EventsReply, EventsAreRelayedVerbatim) {
     std::vector<std::string> events;
     std::string err;
-    std::string reply = "<EVENT_ALERTS_GENERATED>\ndisk replaced\n  spaced  \n</EVENT_ALERTS_GENERATED>\n";
+    std::string reply =
+        "<EVENT_ALERTS_GENERATED>\ndisk replaced\n  spaced  \n</EVENT_ALERTS_GENERATED>\n";
     ASSERT_TRUE(events_reply_complete(reply));
     ASSERT_TRUE(parse_events_reply(reply, events, err)) << err;
     EXPECT_EQ(events, (std::vector<std::string>{"disk replaced", "  spaced  "}));
     // An event stored without a line end runs into the closing tag.
-    ASSERT_TRUE(parse_events_reply("<EVENT_ALERTS_GENERATED>\nlast</EVENT_ALERTS_GENERATED>\n", events, err));
+    ASSERT_TRUE(parse_events_reply("<EVENT_ALERTS_GENERATED>\nlast</EVENT_ALERTS_GENERATED>\n",
+                                   events, err));
     EXPECT_EQ(events, (std::vector<std::string>{"last"}));
-    ASSERT_TRUE(parse_events_reply("<EVENT_ALERTS_GENERATED>\n</EVENT_ALERTS_GENERATED>\n", events, err));
+    ASSERT_TRUE(
+        parse_events_reply("<EVENT_ALERTS_GENERATED>\n</EVENT_ALERTS_GENERATED>\n", events, err));
     EXPECT_TRUE(events.empty());
     EXPECT_FALSE(parse_events_reply("<EVENT_ALERTS_GENERATED>\nx\n", events, err));
 }
@@ -97,7 +104,9 @@ TEST(AlertIntervalReply, SaysWhetherRulesAreHeld) {
 TEST(Rules, LinesFollowTheAgentsSplitting) {
     Rule r;
     std::string err;
-    ASSERT_TRUE(parse_rule_line("CPU high:Process->sendmail->*:>:80:0:5:sendmail uses too much CPU", r, err)) << err;
+    ASSERT_TRUE(parse_rule_line("CPU high:Process->sendmail->*:>:80:0:5:sendmail uses too much CPU",
+                                r, err))
+        << err;
     EXPECT_EQ(r.name, "CPU high");
     EXPECT_EQ(r.path, "Process->sendmail->*");
     EXPECT_EQ(r.condition, ">");
@@ -132,14 +141,16 @@ TEST(Rules, LinesFollowTheAgentsSplitting) {
 TEST(Rules, FilesSkipCommentsAndNameTheBadLine) {
     std::vector<Rule> rules;
     std::string err;
-    ASSERT_TRUE(parse_rules_text("# limits\n\nbusy:Cpu->Average Utilization:>:90:0:1\r\n  # indented\n"
-                                 "full:FileSystem->/->% Space Used:>:95:1:0:root is full\n",
-                                 rules, err))
+    ASSERT_TRUE(
+        parse_rules_text("# limits\n\nbusy:Cpu->Average Utilization:>:90:0:1\r\n  # indented\n"
+                         "full:FileSystem->/->% Space Used:>:95:1:0:root is full\n",
+                         rules, err))
         << err;
     ASSERT_EQ(rules.size(), 2u);
     EXPECT_EQ(rules[0].line, "busy:Cpu->Average Utilization:>:90:0:1");
     EXPECT_EQ(expdef_request(rules),
-              "<EXPDEF>\nbusy:Cpu->Average Utilization:>:90:0:1\nfull:FileSystem->/->% Space Used:>:95:1:0:root is "
+              "<EXPDEF>\nbusy:Cpu->Average Utilization:>:90:0:1\nfull:FileSystem->/->% Space "
+              "Used:>:95:1:0:root is "
               "full\n</EXPDEF>\n");
     EXPECT_FALSE(parse_rules_text("ok:Cpu->Average Utilization:>:1:0:1\nbroken\n", rules, err));
     EXPECT_EQ(err.find("line 2:"), 0u) << err;
@@ -159,7 +170,7 @@ TEST(Rules, PathsAreCheckedTheWayTheAgentResolvesThem) {
         return rule_resolves(r, paths, err);
     };
     EXPECT_TRUE(resolves("Cpu-> Mode Averages->Idle"));
-    EXPECT_TRUE(resolves("Cpu-> Mode Averages"));  // an intermediate level
+    EXPECT_TRUE(resolves("Cpu-> Mode Averages"));           // an intermediate level
     EXPECT_TRUE(resolves("Disk->dm-0->Total Operations"));  // '-' splits levels on the agent too
     EXPECT_TRUE(resolves("Process->*"));
     EXPECT_TRUE(resolves("*"));

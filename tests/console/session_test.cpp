@@ -17,7 +17,8 @@ using vornmon_test::packet_body;
 
 namespace {
 
-bool decode(Session& s, const std::string& framed, Sample& out, std::string& err, Packet* keep = nullptr) {
+bool decode(Session& s, const std::string& framed, Sample& out, std::string& err,
+            Packet* keep = nullptr) {
     Framer f;
     f.feed(framed);
     Packet p;
@@ -42,7 +43,8 @@ void check_golden(const std::vector<std::string>& packets, const std::string& go
         ASSERT_TRUE(session.accept(p, s, err)) << name << ": " << err;
         out += sample_json(s, p, session) + "\n";
     }
-    if (const char* update = std::getenv("VORN_UPDATE_GOLDEN"); update && std::string(update) == "1") {
+    if (const char* update = std::getenv("VORN_UPDATE_GOLDEN");
+        update && std::string(update) == "1") {
         std::ofstream(fixture_path(golden), std::ios::binary) << out;
         GTEST_SKIP() << "rewrote " << golden;
     }
@@ -94,14 +96,19 @@ TEST(Classify, InstancesAndCountersOfEachClass) {
         const char* instance;
         const char* counter;
     } cases[] = {
-        {"Cpu~^1~^-> Mode Averages->Idle::1::x::1,%,1", "Cpu-> Mode Averages->Idle", "", " Mode Averages->Idle"},
+        {"Cpu~^1~^-> Mode Averages->Idle::1::x::1,%,1", "Cpu-> Mode Averages->Idle", "",
+         " Mode Averages->Idle"},
         {"Cpu~^1~^-> 12->Total::2::x::1,%,1", "Cpu-> 12->Total", "12", "Total"},
-        {"Disk~^1~^->dm-0->Total Operations::3::x::1,/Sec,1", "Disk->dm-0->Total Operations", "dm-0",
-         "Total Operations"},
-        {"FileSystem~^1~^->/->% Space Used::4::x::1,%,1", "FileSystem->/->% Space Used", "/", "% Space Used"},
-        {"FileSystem~^1~^->/srv/a->b->Total::5::x::1,Kb,1", "FileSystem->/srv/a->b->Total", "/srv/a->b", "Total"},
-        {"Net->TCP->Packet Rate->Sent::6::x::0,/Sec,1", "Net->TCP->Packet Rate->Sent", "", "TCP->Packet Rate->Sent"},
-        {"Process~^1~^->bash  (4242)->Rss (Kb)::141908::Rss::1,Kb,1", "Process->bash->Rss (Kb)", "4242", "Rss (Kb)"},
+        {"Disk~^1~^->dm-0->Total Operations::3::x::1,/Sec,1", "Disk->dm-0->Total Operations",
+         "dm-0", "Total Operations"},
+        {"FileSystem~^1~^->/->% Space Used::4::x::1,%,1", "FileSystem->/->% Space Used", "/",
+         "% Space Used"},
+        {"FileSystem~^1~^->/srv/a->b->Total::5::x::1,Kb,1", "FileSystem->/srv/a->b->Total",
+         "/srv/a->b", "Total"},
+        {"Net->TCP->Packet Rate->Sent::6::x::0,/Sec,1", "Net->TCP->Packet Rate->Sent", "",
+         "TCP->Packet Rate->Sent"},
+        {"Process~^1~^->bash  (4242)->Rss (Kb)::141908::Rss::1,Kb,1", "Process->bash->Rss (Kb)",
+         "4242", "Rss (Kb)"},
     };
     for (const Case& c : cases) {
         HeaderLine h;
@@ -128,11 +135,15 @@ TEST(SessionIds, ProcessIdsFollowThePid) {
     Session s;
     Sample out;
     std::string err;
-    EXPECT_FALSE(decode(s, frame(packet_body(1, {"Process~^1~^->sh  (100)->PID::67341::Process Id::1, ,0,100"}, "")),
-                        out, err));
+    EXPECT_FALSE(decode(
+        s,
+        frame(packet_body(1, {"Process~^1~^->sh  (100)->PID::67341::Process Id::1, ,0,100"}, "")),
+        out, err));
     EXPECT_NE(err.find("belongs to process row '% CPU Utilization'"), std::string::npos) << err;
-    EXPECT_FALSE(decode(s, frame(packet_body(1, {"Process~^1~^->sh  (100)->PID::67400::Process Id::1, ,0,100"}, "")),
-                        out, err));
+    EXPECT_FALSE(decode(
+        s,
+        frame(packet_body(1, {"Process~^1~^->sh  (100)->PID::67400::Process Id::1, ,0,100"}, "")),
+        out, err));
     EXPECT_NE(err.find("not a process id of pid 100"), std::string::npos) << err;
 }
 
@@ -144,8 +155,11 @@ TEST(SessionIds, NewProcessesAreDecodedWithoutHeaders) {
     // pid 4242 is described; its row 12 (IO Chars) was not, pid 9 not at all.
     long io_4242 = 65536 + 4242 * 18 + 13;
     long cpu_9 = 65536 + 9 * 18 + 5;
-    ASSERT_TRUE(decode(s, frame(packet_body(2, {}, std::to_string(io_4242) + "=100\n" + std::to_string(cpu_9) + "=1.50\n")),
-                       out, err))
+    ASSERT_TRUE(
+        decode(s,
+               frame(packet_body(
+                   2, {}, std::to_string(io_4242) + "=100\n" + std::to_string(cpu_9) + "=1.50\n")),
+               out, err))
         << err;
     ASSERT_EQ(out.readings.size(), 2u);
     EXPECT_EQ(out.readings[0].metric->process_name, "bash");
@@ -161,20 +175,28 @@ TEST(SessionIds, PacketOneReplacesTheDefinitions) {
     std::string err;
     ASSERT_TRUE(decode(s, fixture("header.pkt"), out, err)) << err;
     // A new data connection renumbers: id 5 now names something else, id 1 is gone.
-    ASSERT_TRUE(decode(s, frame(packet_body(1, {"Memory~^1~^-> % Memory Utilization::5::Memory Utilization::1,%,1"}, "")),
-                       out, err))
+    ASSERT_TRUE(
+        decode(s,
+               frame(packet_body(
+                   1, {"Memory~^1~^-> % Memory Utilization::5::Memory Utilization::1,%,1"}, "")),
+               out, err))
         << err;
     EXPECT_EQ(s.size(), 1u);
     EXPECT_EQ(s.find(5)->path, "Memory-> % Memory Utilization");
     EXPECT_FALSE(decode(s, frame(packet_body(2, {}, "1=3.00\n")), out, err));
     // A header section in a later packet adds to the definitions.
-    ASSERT_TRUE(decode(s, frame(packet_body(7, {"Disk~^1~^->sdb->Total Operations::9::x::1,/Sec,1"}, "5=1.00\n9=2.00\n")),
+    ASSERT_TRUE(decode(s,
+                       frame(packet_body(7, {"Disk~^1~^->sdb->Total Operations::9::x::1,/Sec,1"},
+                                         "5=1.00\n9=2.00\n")),
                        out, err))
         << err;
     EXPECT_EQ(s.size(), 2u);
     // The same id twice in one header section is a broken agent.
-    EXPECT_FALSE(decode(s, frame(packet_body(1, {"Disk~^1~^->a->Total::3::x::1,/Sec,1", "Disk~^1~^->b->Total::3::x::1,/Sec,1"}, "")),
-                        out, err));
+    EXPECT_FALSE(decode(
+        s,
+        frame(packet_body(
+            1, {"Disk~^1~^->a->Total::3::x::1,/Sec,1", "Disk~^1~^->b->Total::3::x::1,/Sec,1"}, "")),
+        out, err));
     EXPECT_NE(err.find("defined twice"), std::string::npos);
     EXPECT_EQ(s.size(), 2u) << "a refused packet must leave the definitions alone";
 }
@@ -184,7 +206,8 @@ TEST(SessionIds, AttributesMayBeTextCountersMustBeNumbers) {
     Sample out;
     std::string err;
     ASSERT_TRUE(decode(s, fixture("header.pkt"), out, err)) << err;
-    ASSERT_TRUE(decode(s, frame(packet_body(2, {}, "141895=some user\n141893=4242\n")), out, err)) << err;
+    ASSERT_TRUE(decode(s, frame(packet_body(2, {}, "141895=some user\n141893=4242\n")), out, err))
+        << err;
     EXPECT_FALSE(out.readings[0].numeric);
     EXPECT_EQ(out.readings[0].text, "some user");
     EXPECT_FALSE(decode(s, frame(packet_body(3, {}, "13=\n")), out, err));

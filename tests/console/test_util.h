@@ -19,14 +19,17 @@ inline std::string read_file(const std::string& path) {
     return s.str();
 }
 
-inline std::string fixture(const std::string& name) { return read_file(fixture_path(name)); }
+inline std::string fixture(const std::string& name) {
+    return read_file(fixture_path(name));
+}
 
 /// A packet body in the agent's layout; empty sections in the agent's " </TAG>" form.
 inline std::string packet_body(long number, const std::vector<std::string>& headers,
                                const std::string& data, int interval = 2,
                                const std::string& time = "UTC 10:15:02 22-Nov-2025") {
-    std::string b = "<START>\n<PACKET>\n" + std::to_string(number) + "\n</PACKET>\n<TIME>\n" + time +
-                    "\n</TIME>\n<INTERVAL>\n" + std::to_string(interval) + "\n</INTERVAL>\n<HEADER>\n";
+    std::string b = "<START>\n<PACKET>\n" + std::to_string(number) + "\n</PACKET>\n<TIME>\n" +
+                    time + "\n</TIME>\n<INTERVAL>\n" + std::to_string(interval) +
+                    "\n</INTERVAL>\n<HEADER>\n";
     for (const std::string& h : headers) b += h + "\n";
     b += headers.empty() ? " </HEADER>\n" : "</HEADER>\n";
     b += "<DATA>\n" + data + (data.empty() ? " </DATA>\n" : "</DATA>\n");

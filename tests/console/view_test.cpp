@@ -14,7 +14,8 @@ HostView fixture_view(const std::string& extra_data = "") {
     Session session;
     Sample out;
     for (const std::string& framed :
-         {fixture("header.pkt"), extra_data.empty() ? fixture("data.pkt") : frame(packet_body(2, {}, extra_data))}) {
+         {fixture("header.pkt"),
+          extra_data.empty() ? fixture("data.pkt") : frame(packet_body(2, {}, extra_data))}) {
         Framer f;
         f.feed(framed);
         Packet p;
@@ -61,10 +62,11 @@ TEST(View, BusiestDisksAndFullestFileSystemsComeFirst) {
     Session session;
     Sample out;
     std::string err;
-    std::vector<std::string> headers = {
-        "Disk~^1~^->sda->Total Operations::1::x::1,/Sec,1", "Disk~^1~^->sdb->Total Operations::2::x::1,/Sec,1",
-        "Disk~^1~^->sdc->Total Operations::3::x::1,/Sec,1", "FileSystem~^1~^->/->% Space Used::4::x::1,%,1",
-        "FileSystem~^1~^->/home->% Space Used::5::x::1,%,1"};
+    std::vector<std::string> headers = {"Disk~^1~^->sda->Total Operations::1::x::1,/Sec,1",
+                                        "Disk~^1~^->sdb->Total Operations::2::x::1,/Sec,1",
+                                        "Disk~^1~^->sdc->Total Operations::3::x::1,/Sec,1",
+                                        "FileSystem~^1~^->/->% Space Used::4::x::1,%,1",
+                                        "FileSystem~^1~^->/home->% Space Used::5::x::1,%,1"};
     Framer f;
     f.feed(frame(packet_body(1, headers, "1=5.00\n2=50.00\n3=0.00\n4=10.00\n5=90.00\n")));
     Packet p;
@@ -97,15 +99,16 @@ TEST(View, ProcessSortKeys) {
 TEST(View, PlainTextHasEverySection) {
     HostView v = fixture_view();
     std::string text = render_text(layout_view(v, "127.0.0.1:2101", SortKey::kCpu, 100, 20), 100);
-    for (const char* section : {"\nCPU\n", "\nProcessors\n", "\nMemory\n", "\nDisks\n", "\nFile systems\n",
-                                "\nNetwork\n", "\nProcesses (2, by cpu)\n"})
+    for (const char* section : {"\nCPU\n", "\nProcessors\n", "\nMemory\n", "\nDisks\n",
+                                "\nFile systems\n", "\nNetwork\n", "\nProcesses (2, by cpu)\n"})
         EXPECT_NE(text.find(section), std::string::npos) << section << "\n" << text;
     EXPECT_NE(text.find("idle  83.5%"), std::string::npos) << text;
     EXPECT_NE(text.find("cpu0    20.0%"), std::string::npos) << text;
     EXPECT_NE(text.find("[########"), std::string::npos) << text;
     EXPECT_NE(text.find("used 3.1GiB of 7.8GiB (40.4%)"), std::string::npos) << text;
     EXPECT_NE(text.find("  bash"), std::string::npos);
-    for (std::size_t start = 0, nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
+    for (std::size_t start = 0, nl; (nl = text.find('\n', start)) != std::string::npos;
+         start = nl + 1)
         EXPECT_LE(nl - start, 100u) << text.substr(start, nl - start);
     // Limiting the process rows keeps the busiest.
     std::string one = render_text(layout_view(v, "x", SortKey::kCpu, 100, 1), 100);

@@ -19,9 +19,12 @@ std::vector<Packet> packets_of(const std::string& stream, std::size_t step, std:
         for (;;) {
             Packet p;
             Framer::Result r = next_packet(framer, p, err);
-            if (r == Framer::Result::kPacket) out.push_back(std::move(p));
-            else if (r == Framer::Result::kError) return out;
-            else break;
+            if (r == Framer::Result::kPacket)
+                out.push_back(std::move(p));
+            else if (r == Framer::Result::kError)
+                return out;
+            else
+                break;
         }
     }
     return out;
@@ -72,7 +75,8 @@ TEST(Framer, RefusesALengthThatIsTooLong) {
                          frame(packet_body(2, {}, ""));
     std::string err;
     EXPECT_TRUE(packets_of(stream, 4096, err).empty());
-    EXPECT_NE(err.find("ends after " + std::to_string(body.size()) + " bytes"), std::string::npos) << err;
+    EXPECT_NE(err.find("ends after " + std::to_string(body.size()) + " bytes"), std::string::npos)
+        << err;
 }
 
 TEST(Framer, RefusesStreamsWithoutAPrefix) {
@@ -99,8 +103,9 @@ TEST(Framer, RefusesABodyLargerThanTheLimit) {
 TEST(PacketBody, ReadsEverySection) {
     Packet p;
     std::string err;
-    std::string body = packet_body(17, {"Cpu~^1~^->Average Utilization::5::Overall CPU Utilzation::1,%,1"},
-                                   "5=16.50\n6=0\n", 5, "CET 01:02:03 05-Mar-2011");
+    std::string body =
+        packet_body(17, {"Cpu~^1~^->Average Utilization::5::Overall CPU Utilzation::1,%,1"},
+                    "5=16.50\n6=0\n", 5, "CET 01:02:03 05-Mar-2011");
     ASSERT_TRUE(parse_packet_body(body, p, err)) << err;
     EXPECT_EQ(p.number, 17);
     EXPECT_EQ(p.time, "CET 01:02:03 05-Mar-2011");
@@ -142,7 +147,9 @@ TEST(PacketBody, NamesWhatIsMissingOrExtra) {
 TEST(HeaderLine, SplitsClassCounterAndAttributes) {
     HeaderLine h;
     std::string err;
-    ASSERT_TRUE(parse_header_line("Cpu~^1~^-> Mode Averages->Idle::1::CPU in Idle mode::1,%,1", h, err)) << err;
+    ASSERT_TRUE(
+        parse_header_line("Cpu~^1~^-> Mode Averages->Idle::1::CPU in Idle mode::1,%,1", h, err))
+        << err;
     EXPECT_EQ(h.prefix, "Cpu");
     EXPECT_EQ(h.name, " Mode Averages->Idle");
     EXPECT_TRUE(h.marked);
@@ -153,38 +160,44 @@ TEST(HeaderLine, SplitsClassCounterAndAttributes) {
     EXPECT_FALSE(h.value);
 
     // Marker 0 uses the short separator; a trailing blank in a name is part of it.
-    ASSERT_TRUE(parse_header_line("Net->TCP->Received Packets Breakdown->Duplicate Ack ::24::TCP "
-                                  "Duplicate ACK Segments Received::0,/Sec,1",
-                                  h, err))
+    ASSERT_TRUE(
+        parse_header_line("Net->TCP->Received Packets Breakdown->Duplicate Ack ::24::TCP "
+                          "Duplicate ACK Segments Received::0,/Sec,1",
+                          h, err))
         << err;
     EXPECT_EQ(h.prefix, "Net");
     EXPECT_EQ(h.name, "TCP->Received Packets Breakdown->Duplicate Ack ");
     EXPECT_FALSE(h.marked);
 
     // Attribute values are the rest of the line, commas and colons included; units may be blank.
-    ASSERT_TRUE(parse_header_line("FileSystem~^1~^->/mnt/a,b->Name::25::File system name::1, ,0,/mnt/a,b", h, err))
+    ASSERT_TRUE(parse_header_line(
+        "FileSystem~^1~^->/mnt/a,b->Name::25::File system name::1, ,0,/mnt/a,b", h, err))
         << err;
     EXPECT_EQ(h.units, " ");
     EXPECT_EQ(h.is_counter, 0);
     ASSERT_TRUE(h.value);
     EXPECT_EQ(*h.value, "/mnt/a,b");
-    ASSERT_TRUE(parse_header_line("Memory~^1~^-> System Memory (MB)::12::Total Memory::1, ,0,", h, err)) << err;
+    ASSERT_TRUE(
+        parse_header_line("Memory~^1~^-> System Memory (MB)::12::Total Memory::1, ,0,", h, err))
+        << err;
     EXPECT_EQ(*h.value, "");
 }
 
 TEST(HeaderLine, ProcessNamesMayHoldAnything) {
     HeaderLine h;
     std::string err;
-    ASSERT_TRUE(parse_header_line("Process~^1~^->my (odd)  name  (77)->% CPU Utilization::66927::% CPU "
-                                  "Utilization::1,%,1",
-                                  h, err))
+    ASSERT_TRUE(
+        parse_header_line("Process~^1~^->my (odd)  name  (77)->% CPU Utilization::66927::% CPU "
+                          "Utilization::1,%,1",
+                          h, err))
         << err;
     EXPECT_TRUE(h.is_process);
     EXPECT_EQ(h.process_name, "my (odd)  name");
     EXPECT_EQ(h.pid, 77);
     EXPECT_EQ(h.counter, "% CPU Utilization");
 
-    ASSERT_TRUE(parse_header_line("Process~^1~^->a::b  (5)->Rss (Kb)::65642::Rss::1,Kb,1", h, err)) << err;
+    ASSERT_TRUE(parse_header_line("Process~^1~^->a::b  (5)->Rss (Kb)::65642::Rss::1,Kb,1", h, err))
+        << err;
     EXPECT_EQ(h.process_name, "a::b");
     EXPECT_EQ(h.counter, "Rss (Kb)");
 
@@ -196,15 +209,15 @@ TEST(HeaderLine, RefusesBrokenLines) {
     const char* bad[] = {
         "Cpu~^1~^->Average Utilization::5::Overall CPU Utilzation",  // no marker/units
         "Cpu~^1~^->Average Utilization::x::Overall::1,%,1",          // id not a number
-        "Cpu~^1~^->Average Utilization::5::Overall::1,%",             // no is_counter
-        "Cpu~^1~^->Average Utilization::5::Overall::1,%,2",           // is_counter out of range
-        "Cpu~^1~^->Average Utilization::5::Overall::1,%,1,12",        // counter with a value
-        "Disk~^1~^->sda->Name::17::Disk name::1,0,0",                 // attribute without value
-        "Cpu->Average Utilization::5::Overall::1,%,1",                // marker 1, short separator
-        "Net~^1~^->TCP->Sent::22::TCP Segments sent::0,/Sec,1",       // marker 0, long separator
-        "CpuAverage Utilization::5::Overall::1,%,1",                  // no separator
-        "~^1~^->Average::5::Overall::1,%,1",                          // no class
-        "Cpu~^1~^->Average Utilization::5::Overall::1,%,1\r",         // carriage return
+        "Cpu~^1~^->Average Utilization::5::Overall::1,%",            // no is_counter
+        "Cpu~^1~^->Average Utilization::5::Overall::1,%,2",          // is_counter out of range
+        "Cpu~^1~^->Average Utilization::5::Overall::1,%,1,12",       // counter with a value
+        "Disk~^1~^->sda->Name::17::Disk name::1,0,0",                // attribute without value
+        "Cpu->Average Utilization::5::Overall::1,%,1",               // marker 1, short separator
+        "Net~^1~^->TCP->Sent::22::TCP Segments sent::0,/Sec,1",      // marker 0, long separator
+        "CpuAverage Utilization::5::Overall::1,%,1",                 // no separator
+        "~^1~^->Average::5::Overall::1,%,1",                         // no class
+        "Cpu~^1~^->Average Utilization::5::Overall::1,%,1\r",        // carriage return
     };
     for (const char* line : bad) {
         HeaderLine h;
@@ -216,7 +229,8 @@ TEST(HeaderLine, RefusesBrokenLines) {
 
 TEST(Numbers, AcceptOnlyWhatTheAgentPrints) {
     double d = 0;
-    for (const char* good : {"0", "12", "-3", "16.50", "0.00", "-0.25", "123456789012", "nan", "-nan", "inf"})
+    for (const char* good :
+         {"0", "12", "-3", "16.50", "0.00", "-0.25", "123456789012", "nan", "-nan", "inf"})
         EXPECT_TRUE(parse_number(good, d)) << good;
     EXPECT_TRUE(parse_number("16.50", d));
     EXPECT_DOUBLE_EQ(d, 16.5);

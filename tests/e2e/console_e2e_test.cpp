@@ -27,7 +27,8 @@ std::vector<std::string> at(int port, std::vector<std::string> rest) {
 
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> out;
-    for (std::size_t start = 0, nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
+    for (std::size_t start = 0, nl; (nl = text.find('\n', start)) != std::string::npos;
+         start = nl + 1)
         out.push_back(text.substr(start, nl - start));
     return out;
 }
@@ -45,7 +46,8 @@ struct Console : ::testing::Test {
     }
     void start() {
         agent = std::make_unique<e2e::Agent>(
-            root, std::vector<std::string>{"-nofork", "-port", std::to_string(port), "-scan", "1", "-collectprocess"});
+            root, std::vector<std::string>{"-nofork", "-port", std::to_string(port), "-scan", "1",
+                                           "-collectprocess"});
         ASSERT_TRUE(agent->wait_listening(port)) << agent->err();
     }
 };
@@ -56,14 +58,17 @@ TEST_F(Console, JsonCarriesPathsUnitsValuesAndProcesses) {
     std::vector<std::string> packets = lines_of(r.out);
     ASSERT_EQ(packets.size(), 3u) << r.out;
     EXPECT_NE(packets[0].find("\"packet\":1,"), std::string::npos);
-    EXPECT_EQ(packets[0].find("\"header_lines\":0,"), std::string::npos) << "the first packet defines the counters";
+    EXPECT_EQ(packets[0].find("\"header_lines\":0,"), std::string::npos)
+        << "the first packet defines the counters";
     std::string& last = packets[2];
     EXPECT_NE(last.find("\"header_lines\":0,"), std::string::npos);
-    EXPECT_TRUE(std::regex_search(last, std::regex("\\{\"id\":\\d+,\"path\":\"Cpu->Average Utilization\",\"class\":"
-                                                   "\"Cpu\",\"metric\":\"Average Utilization\",\"units\":\"%\","
-                                                   "\"value\":[0-9.]+\\}")))
+    EXPECT_TRUE(std::regex_search(
+        last, std::regex("\\{\"id\":\\d+,\"path\":\"Cpu->Average Utilization\",\"class\":"
+                         "\"Cpu\",\"metric\":\"Average Utilization\",\"units\":\"%\","
+                         "\"value\":[0-9.]+\\}")))
         << last.substr(0, 600);
-    EXPECT_NE(last.find("\"path\":\"Cpu-> 0->Total\",\"class\":\"Cpu\",\"instance\":\"0\""), std::string::npos);
+    EXPECT_NE(last.find("\"path\":\"Cpu-> 0->Total\",\"class\":\"Cpu\",\"instance\":\"0\""),
+              std::string::npos);
     EXPECT_NE(last.find("\"units\":\"MBs\""), std::string::npos);
     EXPECT_NE(last.find("\"path\":\"FileSystem->/->% Space Used\""), std::string::npos);
     // The agent is one of the processes it reports, under its own pid and name.
@@ -75,12 +80,17 @@ TEST_F(Console, DescListsTheLeavesRulesCanName) {
     Result r = run(at(port, {"desc"}));
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out.rfind("PATH", 0), 0u);
-    for (const char* leaf : {"Cpu->Average Utilization", "Cpu-> Mode Averages->Idle", "Network->TCP->Packet Rate->Sent"})
-        EXPECT_NE(r.out.find(std::string("\n") + leaf + " "), std::string::npos) << leaf << "\n" << r.out.substr(0, 2000);
+    for (const char* leaf : {"Cpu->Average Utilization", "Cpu-> Mode Averages->Idle",
+                             "Network->TCP->Packet Rate->Sent"})
+        EXPECT_NE(r.out.find(std::string("\n") + leaf + " "), std::string::npos)
+            << leaf << "\n"
+            << r.out.substr(0, 2000);
     Result j = run(at(port, {"desc", "--json"}));
     ASSERT_EQ(j.status, 0) << j.err;
-    EXPECT_NE(j.out.find("{\"path\":\"Cpu->Average Utilization\",\"description\":\"Overall CPU Utilzation\""),
-              std::string::npos);
+    EXPECT_NE(
+        j.out.find(
+            "{\"path\":\"Cpu->Average Utilization\",\"description\":\"Overall CPU Utilzation\""),
+        std::string::npos);
 }
 
 TEST_F(Console, RulesRaiseAlertsThatAreDeliveredOnce) {
@@ -92,7 +102,8 @@ TEST_F(Console, RulesRaiseAlertsThatAreDeliveredOnce) {
     Result bad = run(at(port, {"rules", "-"}), "x:Cpu->Average Utilisation:>=:0:0:0\n");
     EXPECT_EQ(bad.status, 1);
     EXPECT_NE(bad.err.find("no metric 'Cpu->Average Utilisation'"), std::string::npos) << bad.err;
-    r = run(at(port, {"rules", "-"}), "# test rule\nalways:Cpu->Average Utilization:>=:0:0:0:cpu figure present\n");
+    r = run(at(port, {"rules", "-"}),
+            "# test rule\nalways:Cpu->Average Utilization:>=:0:0:0:cpu figure present\n");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("sent 1 rule(s)"), std::string::npos);
 
@@ -105,8 +116,9 @@ TEST_F(Console, RulesRaiseAlertsThatAreDeliveredOnce) {
         if (alerts.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(500));
     }
     ASSERT_FALSE(alerts.empty()) << "no alert within 30 s\n" << root.log_text();
-    EXPECT_TRUE(std::regex_search(alerts, std::regex("^\\{\"name\":\"always\",\"path\":\"Cpu->Average Utilization\","
-                                                     "\"condition\":\">=\",\"limit\":0,\"average\":[0-9.]+,")))
+    EXPECT_TRUE(std::regex_search(
+        alerts, std::regex("^\\{\"name\":\"always\",\"path\":\"Cpu->Average Utilization\","
+                           "\"condition\":\">=\",\"limit\":0,\"average\":[0-9.]+,")))
         << alerts;
     EXPECT_NE(alerts.find("\"description\":\"cpu figure present\""), std::string::npos) << alerts;
     // Delivered once: the same alert does not come back (the rule stays raised).
@@ -131,17 +143,22 @@ TEST_F(Console, EventsAreRelayedOnce) {
 TEST_F(Console, TopOncePrintsEverySection) {
     Result r = run(at(port, {"top", "--once", "--procs", "-1", "--width", "120"}));
     ASSERT_EQ(r.status, 0) << r.err;
-    for (const char* section : {"CPU", "Processors", "Memory", "Disks", "File systems", "Network", "Processes"})
-        EXPECT_NE(r.out.find(std::string("\n") + section), std::string::npos) << section << "\n" << r.out;
-    EXPECT_TRUE(std::regex_search(r.out, std::regex("\n  user +[0-9.]+%  system +[0-9.]+%"))) << r.out;
+    for (const char* section :
+         {"CPU", "Processors", "Memory", "Disks", "File systems", "Network", "Processes"})
+        EXPECT_NE(r.out.find(std::string("\n") + section), std::string::npos) << section << "\n"
+                                                                              << r.out;
+    EXPECT_TRUE(std::regex_search(r.out, std::regex("\n  user +[0-9.]+%  system +[0-9.]+%")))
+        << r.out;
     EXPECT_TRUE(std::regex_search(r.out, std::regex("\n  cpu0 +[0-9.]+%"))) << r.out;
-    EXPECT_TRUE(std::regex_search(r.out, std::regex("\n +" + std::to_string(agent->pid()) + " .*  vornrta\n")))
+    EXPECT_TRUE(std::regex_search(
+        r.out, std::regex("\n +" + std::to_string(agent->pid()) + " .*  vornrta\n")))
         << r.out;
 }
 
 TEST_F(Console, OpenMetricsServesTheLatestSample) {
     int http_port = e2e::free_port();
-    Background bridge(at(port, {"openmetrics", "--listen", "127.0.0.1:" + std::to_string(http_port), "--interval", "1"}));
+    Background bridge(at(port, {"openmetrics", "--listen", "127.0.0.1:" + std::to_string(http_port),
+                                "--interval", "1"}));
     auto scrape = [&] {
         e2e::Client c(http_port);
         if (!c.ok()) return std::string();
@@ -155,15 +172,18 @@ TEST_F(Console, OpenMetricsServesTheLatestSample) {
         if (reply.find("vornrta_cpu_average_utilization_percent ") != std::string::npos) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
     }
-    ASSERT_NE(reply.find("vornrta_cpu_average_utilization_percent "), std::string::npos) << reply << bridge.err();
+    ASSERT_NE(reply.find("vornrta_cpu_average_utilization_percent "), std::string::npos)
+        << reply << bridge.err();
     EXPECT_EQ(reply.rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
     std::string body = reply.substr(reply.find("\r\n\r\n") + 4);
     EXPECT_NE(body.find("vornmon_agent_up 1\n"), std::string::npos);
-    EXPECT_NE(body.find("vornrta_process_cpu_utilization_percent{pid=\"" + std::to_string(agent->pid()) +
-                        "\",name=\"vornrta\""),
+    EXPECT_NE(body.find("vornrta_process_cpu_utilization_percent{pid=\"" +
+                        std::to_string(agent->pid()) + "\",name=\"vornrta\""),
               std::string::npos);
-    EXPECT_TRUE(std::regex_search(body, std::regex("\nvornrta_processor_total_percent\\{cpu=\"0\"\\} [0-9.e+]+\n")));
-    EXPECT_TRUE(std::regex_search(body, std::regex("\nvornrta_filesystem_space_used_percent\\{mountpoint=\"/\"\\} ")));
+    EXPECT_TRUE(std::regex_search(
+        body, std::regex("\nvornrta_processor_total_percent\\{cpu=\"0\"\\} [0-9.e+]+\n")));
+    EXPECT_TRUE(std::regex_search(
+        body, std::regex("\nvornrta_filesystem_space_used_percent\\{mountpoint=\"/\"\\} ")));
     EXPECT_EQ(body.substr(body.size() - 6), "# EOF\n");
 
     bool have_promtool = std::system("command -v promtool >/dev/null 2>&1") == 0;
@@ -174,10 +194,12 @@ TEST_F(Console, OpenMetricsServesTheLatestSample) {
         std::string cmd = "promtool check metrics < " + path + " > " + path + ".out 2>&1";
         int rc = std::system(cmd.c_str());
         std::ifstream report(path + ".out");
-        std::string text((std::istreambuf_iterator<char>(report)), std::istreambuf_iterator<char>());
+        std::string text((std::istreambuf_iterator<char>(report)),
+                         std::istreambuf_iterator<char>());
         EXPECT_EQ(rc, 0) << text;
     } else {
-        EXPECT_FALSE(required && std::string(required) == "1") << "promtool is required but missing";
+        EXPECT_FALSE(required && std::string(required) == "1")
+            << "promtool is required but missing";
     }
 
     // When the agent goes away the bridge keeps answering and says so.
@@ -211,7 +233,8 @@ TEST_F(Console, StreamsSurviveAnAgentRestart) {
     int header_packets = 0;
     for (const std::string& p : packets)
         if (p.find("\"packet\":1,") != std::string::npos) ++header_packets;
-    EXPECT_GE(header_packets, 2) << "each connection starts with its own header packet\n" << stream.err();
+    EXPECT_GE(header_packets, 2) << "each connection starts with its own header packet\n"
+                                 << stream.err();
 }
 
 }  // namespace

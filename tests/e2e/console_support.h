@@ -17,7 +17,9 @@
 
 namespace console_e2e {
 
-inline std::string vornmon_binary() { return std::string(VORN_BINARY_DIR) + "/vornmon"; }
+inline std::string vornmon_binary() {
+    return std::string(VORN_BINARY_DIR) + "/vornmon";
+}
 
 struct Result {
     int status = -1;  // exit status, or 128 + signal, or -1 when killed at the deadline
@@ -50,11 +52,13 @@ inline int decode_status(int status) {
 }
 
 /// Runs vornmon to completion, feeding `input`; kills it (by its pid) at the deadline.
-inline Result run(const std::vector<std::string>& args, const std::string& input = "", int timeout_s = 90) {
+inline Result run(const std::vector<std::string>& args, const std::string& input = "",
+                  int timeout_s = 90) {
     int in[2], out[2], err[2];
     // Close-on-exec everywhere: a child holding the write end of its own standard input
     // would never see it end.
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return {};
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+        return {};
     pid_t pid = spawn(args, in[0], out[1], err[1]);
     close(in[0]);
     close(out[1]);
@@ -69,7 +73,9 @@ inline Result run(const std::vector<std::string>& args, const std::string& input
     pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
     bool killed = false;
     while (open_fds > 0) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        deadline - std::chrono::steady_clock::now())
+                        .count();
         if (left <= 0) {
             kill(pid, SIGKILL);
             killed = true;
@@ -100,7 +106,7 @@ inline Result run(const std::vector<std::string>& args, const std::string& input
 
 /// vornmon running in the background with its output in temporary files.
 class Background {
-public:
+  public:
     explicit Background(const std::vector<std::string>& args) {
         char out_path[] = "/tmp/vornmon-e2e-out-XXXXXX";
         char err_path[] = "/tmp/vornmon-e2e-err-XXXXXX";
@@ -149,13 +155,14 @@ public:
         return status_;
     }
 
-private:
+  private:
     static std::string slurp(const std::string& path) {
         std::string text;
         int fd = open(path.c_str(), O_RDONLY);
         if (fd < 0) return text;
         char buf[65536];
-        for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) text.append(buf, static_cast<std::size_t>(n));
+        for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;)
+            text.append(buf, static_cast<std::size_t>(n));
         close(fd);
         return text;
     }
