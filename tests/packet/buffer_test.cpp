@@ -352,23 +352,4 @@ TEST(CounterIds, ExhaustionReturnsMinusOneWithoutAdvancing) {
     Offset = 0;
 }
 
-TEST(CounterIds, ProcessIdsDeriveFromPid) {
-    EXPECT_EQ(rtdc_ProcessGenids(100, 1), 67337);
-    EXPECT_EQ(rtdc_ProcessGenids(0, 1), 65537);
-    // Neighbouring pids never share an id.
-    EXPECT_LT(rtdc_ProcessGenids(100, PROC_FIELDS() - 1), rtdc_ProcessGenids(101, 1));
-}
-
-TEST(Alloc, ZeroedBlocks) {
-    auto* p = static_cast<unsigned char*>(rtdc_alloc(100));
-    ASSERT_NE(p, nullptr);
-    for (int i = 0; i < 100; ++i) ASSERT_EQ(p[i], 0);
-    free(p);
-    void* q = nullptr;
-    ASSERT_EQ(rtdc_alloc64(5000, &q), 1);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(q) % 4096, 0u);
-    for (int i = 0; i < 5000; ++i) ASSERT_EQ(static_cast<unsigned char*>(q)[i], 0);
-    free(q);
-}
-
 }  // namespace
