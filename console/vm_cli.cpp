@@ -762,8 +762,7 @@ int run_vornmon(const std::vector<std::string>& args, std::FILE* out, std::FILE*
             std::fputs(kGlobalHelp, out);
             return kExitOk;
         }
-        std::fputs(kGlobalHelp, err);
-        return kExitUsage;
+        return ctx.fail("missing command (see vornmon --help)", kExitUsage);
     }
     if (help) {
         print_command_help(out, *command);

@@ -380,8 +380,11 @@ Framer::Result Framer::next(std::string& body, std::string& raw, std::string& er
     if (buffer_.size() < total) {
         // A prefix that is too large would only show at the next packet; check early
         // whether a complete packet already ended before the promised length.
+        // Resume the search where the last call stopped: a big packet arrives in many reads.
         std::string_view got(buffer_.data() + body_start, buffer_.size() - body_start);
-        std::size_t end = got.find("</START>\n");
+        std::size_t from = scanned_ > 8 ? scanned_ - 8 : 0;
+        std::size_t end = got.find("</START>\n", from);
+        scanned_ = got.size();
         if (end != std::string_view::npos && got.size() > end + 9 &&
             got.find("BUFFERSIZE=", end) != std::string_view::npos)
             return fail("length prefix " + digits + " does not match the packet: it ends after " +
@@ -406,6 +409,7 @@ Framer::Result Framer::next(std::string& body, std::string& raw, std::string& er
     body.assign(b);
     raw.assign(buffer_.data(), total);
     buffer_.erase(0, total);
+    scanned_ = 0;
     return Result::kPacket;
 }
 

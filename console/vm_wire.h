@@ -77,11 +77,13 @@ class Framer {
     void reset() {
         buffer_.clear();
         failed_.clear();
+        scanned_ = 0;
     }
 
   private:
     std::string buffer_;
     std::string failed_;
+    std::size_t scanned_ = 0;  // body bytes already searched for an early end
 };
 
 /// Frames and parses in one step: the common path for every subcommand. A packet that is

@@ -85,7 +85,7 @@ TEST(Cli, UsageErrorsExitTwo) {
     expect_one_line_error(vm({"rules", "-"}, "broken rule\n"), kExitUsage,
                           "standard input, line 1");
     expect_one_line_error(vm({"event", std::string(600, 'x')}), kExitUsage, "510");
-    EXPECT_EQ(vm({}).status, kExitUsage);
+    expect_one_line_error(vm({}), kExitUsage, "missing command");
 }
 
 TEST(Cli, HelpForEveryCommand) {

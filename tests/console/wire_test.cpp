@@ -73,10 +73,13 @@ TEST(Framer, RefusesALengthThatIsTooLong) {
     std::string body = packet_body(1, {}, "");
     std::string stream = " \nBUFFERSIZE=" + std::to_string(body.size() + 40) + "\n" + body +
                          frame(packet_body(2, {}, ""));
-    std::string err;
-    EXPECT_TRUE(packets_of(stream, 4096, err).empty());
-    EXPECT_NE(err.find("ends after " + std::to_string(body.size()) + " bytes"), std::string::npos)
-        << err;
+    for (std::size_t step : {1u, 7u, 4096u}) {
+        std::string err;
+        EXPECT_TRUE(packets_of(stream, step, err).empty());
+        EXPECT_NE(err.find("ends after " + std::to_string(body.size()) + " bytes"),
+                  std::string::npos)
+            << "step " << step << ": " << err;
+    }
 }
 
 TEST(Framer, RefusesStreamsWithoutAPrefix) {
