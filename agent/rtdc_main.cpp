@@ -2,6 +2,7 @@
 // the command line; a one-shot action runs, or the agent starts and serves for ever.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -66,10 +67,12 @@ int local_sigaction(int sig, void (*handler)(int)) {
 }
 
 void Terminate(int) {
-    int data = ctrl_sock.exchange(0);
-    if (data > 0) close(data);
-    int listener = data_sock.exchange(-1);
-    if (listener > 0) close(listener);
+    // The connections are ended with shutdown and released by _exit: closing a descriptor
+    // that the accept loop or the collection thread is using at this moment would race.
+    int data = ctrl_sock.load();
+    if (data > 0) shutdown(data, SHUT_RDWR);
+    int listener = data_sock.load();
+    if (listener > 0) shutdown(listener, SHUT_RDWR);
     unlink(rta_cmdline.lock_file);
     // Request and collection threads may still be running: leave without running static
     // destructors under their feet. Only the standard streams are flushed: a request

@@ -210,6 +210,8 @@ int Agent::wait_exit(int timeout_ms) {
     if (status_ != -1) return status_;
     int r = wait_pid(pid_, timeout_ms);
     if (r >= 0) status_ = r;
+    // A failing agent's own words (a sanitizer report, a fatal message) go to the test log.
+    if (r != 0) fprintf(stderr, "agent %d ended with %d; its standard error:\n%s\n", pid_, r, err().c_str());
     return r < 0 ? -1 : r;
 }
 
