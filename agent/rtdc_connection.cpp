@@ -52,13 +52,13 @@ void rtdc_close_request(FILE* stream, int fd) {
     ::close(fd);
 }
 
-void rtdc_release_data_connection(int fd) {
-    if (fd <= 0) return;
+bool rtdc_release_data_connection(int fd) {
+    if (fd <= 0) return false;
     int expected = fd;
-    if (ctrl_sock.compare_exchange_strong(expected, 0)) {
-        shutdown(fd, SHUT_RDWR);
-        ::close(fd);
-    }
+    if (!ctrl_sock.compare_exchange_strong(expected, 0)) return false;
+    shutdown(fd, SHUT_RDWR);
+    ::close(fd);
+    return true;
 }
 
 void rtdc_adopt_data_connection(int fd) {

@@ -42,8 +42,9 @@ private:
 void rtdc_close_request(FILE* stream, int fd);
 
 /// Ends the data connection on descriptor fd if it still is the data connection: ctrl_sock
-/// goes to 0 and the descriptor is closed exactly once, whoever calls first.
-void rtdc_release_data_connection(int fd);
+/// goes to 0 and the descriptor is closed exactly once, whoever calls first. True when this
+/// call released it.
+bool rtdc_release_data_connection(int fd);
 
 /// Makes fd the data connection; a previous one is closed so that its console sees end of
 /// stream.

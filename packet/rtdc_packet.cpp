@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/rtdc_connection.h"
 #include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
 #include "packet/rtdc_buffer.h"
@@ -68,18 +69,6 @@ char* copy_section(char* p, char** lines, int count, const size_t* lengths, std:
     }
     memcpy(p, close.data(), close.size());
     return p + close.size();
-}
-
-// The data connection that failed gives up its descriptor, exactly once, so its console
-// sees end of stream and the descriptor is not leaked. Only the descriptor that is still
-// the data connection is closed.
-bool release_if_data_connection(int fd) {
-    if (fd <= 0) return false;
-    int expected = fd;
-    if (!ctrl_sock.compare_exchange_strong(expected, 0)) return false;
-    shutdown(fd, SHUT_RDWR);
-    close(fd);
-    return true;
 }
 
 // Writes without raising SIGPIPE, whatever the process's signal setup.
@@ -198,7 +187,7 @@ int rtdc_send_packet(int fd, const char* text, int trace) {
             start_rtdc = 0;
             exit_recieved = 1;
             collect_started = 0;
-            release_if_data_connection(fd);
+            rtdc_release_data_connection(fd);
             // The console is gone: the collection thread ends here; a later <DATA> request
             // starts a new one.
             pthread_exit(nullptr);
@@ -223,7 +212,7 @@ int rtdc_send_packet(int fd, const char* text, int trace) {
         if (failed) {
             // A failed large packet stops sending; the collection thread goes on.
             start_rtdc = 0;
-            if (release_if_data_connection(fd)) return 1;
+            if (rtdc_release_data_connection(fd)) return 1;
         }
     }
     // Drain whatever the console sent back, without waiting for it.
