@@ -90,7 +90,11 @@ void* CollectAndTransmit(void*) {
     const int interval = std::max(1, scan_intvl.load());
     for (;;) {
         Scanner(0);
-        auto deadline = std::chrono::system_clock::from_time_t(time(nullptr) + interval);
+        // The deadline is the current whole second plus the interval, read from the same
+        // clock the sleep uses: time() reads a coarser clock that can still show the previous
+        // second just after the wake-up, which would cut every other interval short.
+        using namespace std::chrono;
+        auto deadline = floor<seconds>(system_clock::now()) + seconds(interval);
         std::this_thread::sleep_until(deadline);
     }
     return nullptr;
