@@ -111,13 +111,18 @@ int CreateFs(char** headers, int* nheaders, int x) {
         RTDCAppendLog("Unable to read /etc/mnttab");
         return 0;
     }
+    std::vector<platform::FsQuery> queries;
     for (const platform::MountEntry& m : mounts) {
-        if (!local_mount(m)) continue;
         // A mount point mounted over again is one file system to the console: the top one.
-        if (GetfromFsList(fs_list, m.dir.c_str())) continue;
-        platform::FsUsage usage;  // stays zero when the file system does not answer
-        platform::query_fs_usage(m.dir, usage, rtdc_fs_timeout_ms);
-        NewFs(m.dir.c_str(), &usage, headers, nheaders, x);
+        bool repeated = false;
+        for (const auto& q : queries) repeated = repeated || q.dir == m.dir;
+        if (local_mount(m) && !repeated) queries.push_back(platform::FsQuery(m.dir));
+    }
+    platform::query_fs_usage_batch(queries, rtdc_fs_timeout_ms);
+    for (const platform::FsQuery& q : queries) {
+        // Figures stay zero when the file system does not answer.
+        platform::FsUsage usage = q.answer == platform::FsAnswer::ok ? q.usage : platform::FsUsage{};
+        NewFs(q.dir.c_str(), &usage, headers, nheaders, x);
     }
     return 1;
 }
@@ -139,18 +144,27 @@ int PrintFsInfo(char** buffers, int* nbuffers) {
     for (ListItem* item = fs_list->first; item; item = item->next)
         static_cast<FsNode*>(item->data)->seen = 0;
     if (!platform::read_mounts(mounts)) return 1;
+    std::vector<platform::FsQuery> queries;
+    std::vector<FsNode*> nodes;
     for (const platform::MountEntry& m : mounts) {
         if (!local_mount(m)) continue;
         FsNode* node = GetfromFsList(fs_list, m.dir.c_str());
         if (!node || node->seen) continue;  // unknown, or a repeated mount point
         node->seen = 1;
-        platform::FsUsage usage;
-        platform::FsAnswer answer = platform::query_fs_usage(m.dir, usage, rtdc_fs_timeout_ms);
+        queries.push_back(platform::FsQuery(m.dir));
+        nodes.push_back(node);
+    }
+    platform::query_fs_usage_batch(queries, rtdc_fs_timeout_ms);
+    for (size_t i = 0; i < queries.size(); ++i) {
+        FsNode* node = nodes[i];
+        platform::FsAnswer answer = queries[i].answer;
         // A mount that does not answer is still mounted; it keeps its last figures and
         // sends nothing until it answers again.
         if (answer == platform::FsAnswer::timed_out || answer == platform::FsAnswer::stuck)
             continue;
-        PerfFs(&usage, node->record);  // an error answer leaves zero figures
+        // An error answer leaves zero figures.
+        platform::FsUsage usage = answer == platform::FsAnswer::ok ? queries[i].usage : platform::FsUsage{};
+        PerfFs(&usage, node->record);
         if (start_rtdc == 1)
             rtdc_buffer_data(buffers, nbuffers, node->record, node->table);
         else if (counter_added == 0)

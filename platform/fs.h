@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace platform {
@@ -35,6 +36,19 @@ enum class FsAnswer {
 /// than `timeout_ms`. A dead network or user-space file system can leave the query hanging
 /// in the kernel indefinitely; such a mount is skipped until its pending query returns.
 FsAnswer query_fs_usage(const std::string& dir, FsUsage& out, int timeout_ms, int* error = nullptr);
+
+/// One file system's question and answer in a batch.
+struct FsQuery {
+    explicit FsQuery(std::string mount_point) : dir(std::move(mount_point)) {}
+    std::string dir;
+    FsUsage usage;  // filled when `answer` is ok
+    FsAnswer answer = FsAnswer::failed;
+    int error = 0;
+};
+
+/// Asks every file system of a pass in one hand-off to the query thread, each bound by
+/// `timeout_ms` like query_fs_usage; answers are filled in place.
+void query_fs_usage_batch(std::vector<FsQuery>& queries, int timeout_ms);
 
 /// Test hook: replace the kernel query (0 or an errno value); null restores the real one.
 void set_fs_usage_for_tests(int (*query)(const char* dir, FsUsage* out));

@@ -57,18 +57,20 @@ StuckSet& stuck_set() {
     return *set;
 }
 
-// One worker thread answers the queries one at a time. When a query overruns its limit the
-// worker is left to finish it (it ends on its own once the kernel returns) and the next
-// query gets a fresh worker, so at most one thread per stuck mount is ever parked.
+// One worker thread answers the queries of a pass in order, handed over in one go: a
+// thread hand-off per mount would cost more than the statvfs calls themselves. When a query
+// overruns its limit the worker is left to finish it (it ends on its own once the kernel
+// returns) and the rest of the pass goes to a fresh worker, so at most one thread per
+// stuck mount is ever parked.
 struct Worker {
     std::mutex mutex;
     std::condition_variable cv;
-    std::string dir;
+    std::vector<std::string> dirs;  // the batch being answered
+    std::vector<FsUsage> results;
+    std::vector<int> errors;
+    size_t answered = 0;  // how many of `dirs` have their answer
     bool pending = false;
-    bool done = false;
     bool abandoned = false;
-    int error = 0;
-    FsUsage result;
 };
 
 void worker_loop(std::shared_ptr<Worker> w) {
@@ -76,28 +78,36 @@ void worker_loop(std::shared_ptr<Worker> w) {
     for (;;) {
         w->cv.wait(lock, [&] { return w->pending; });
         w->pending = false;
-        std::string dir = w->dir;
-        lock.unlock();
-        FsUsage usage;
-        auto* query = fs_usage_query.load(std::memory_order_relaxed);
-        int error = (query ? query : real_fs_usage)(dir.c_str(), &usage);
-        lock.lock();
-        w->result = usage;
-        w->error = error;
-        w->done = true;
-        w->cv.notify_all();
-        if (w->abandoned) {
+        for (size_t i = 0; i < w->dirs.size(); ++i) {
+            std::string dir = w->dirs[i];
             lock.unlock();
-            StuckSet& stuck = stuck_set();
-            std::lock_guard guard(stuck.mutex);
-            stuck.dirs.erase(dir);
-            return;
+            FsUsage usage;
+            auto* query = fs_usage_query.load(std::memory_order_relaxed);
+            int error = (query ? query : real_fs_usage)(dir.c_str(), &usage);
+            lock.lock();
+            w->results[i] = usage;
+            w->errors[i] = error;
+            w->answered = i + 1;
+            w->cv.notify_all();
+            if (w->abandoned) {
+                lock.unlock();
+                StuckSet& stuck = stuck_set();
+                std::lock_guard guard(stuck.mutex);
+                stuck.dirs.erase(dir);
+                return;
+            }
         }
     }
 }
 
-std::mutex callers;               // one query at a time
+std::mutex callers;               // one pass at a time
 std::shared_ptr<Worker> current;  // guarded by `callers`
+
+bool is_stuck(const std::string& dir) {
+    StuckSet& stuck = stuck_set();
+    std::lock_guard lock(stuck.mutex);
+    return stuck.dirs.count(dir) != 0;
+}
 
 }  // namespace
 
@@ -105,48 +115,75 @@ void set_fs_usage_for_tests(int (*query)(const char*, FsUsage*)) {
     fs_usage_query.store(query, std::memory_order_relaxed);
 }
 
-FsAnswer query_fs_usage(const std::string& dir, FsUsage& out, int timeout_ms, int* error) {
+void query_fs_usage_batch(std::vector<FsQuery>& queries, int timeout_ms) {
     std::lock_guard guard(callers);
-    {
-        StuckSet& stuck = stuck_set();
-        std::lock_guard lock(stuck.mutex);
-        if (stuck.dirs.count(dir)) return FsAnswer::stuck;
-    }
-    if (!current) {
-        auto worker = std::make_shared<Worker>();
-        try {
-            std::thread(worker_loop, worker).detach();
-        } catch (const std::system_error&) {
-            // No thread to spare: better no figure this time than a tick that may hang.
-            if (error) *error = EAGAIN;
-            return FsAnswer::failed;
+    size_t next = 0;
+    while (next < queries.size()) {
+        // This round's batch: everything left that is not waiting on an earlier query.
+        std::vector<size_t> batch;
+        for (size_t i = next; i < queries.size(); ++i) {
+            if (is_stuck(queries[i].dir))
+                queries[i].answer = FsAnswer::stuck;
+            else
+                batch.push_back(i);
         }
-        current = std::move(worker);
-    }
-    Worker& w = *current;
-    std::unique_lock lock(w.mutex);
-    w.dir = dir;
-    w.done = false;
-    w.pending = true;
-    w.cv.notify_all();
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    if (!w.cv.wait_until(lock, deadline, [&] { return w.done; })) {
-        // Marked stuck while the worker's lock is held, so the worker, which checks
-        // `abandoned` under that lock, always clears the mark after it was made.
-        w.abandoned = true;
-        {
-            StuckSet& stuck = stuck_set();
-            std::lock_guard stuck_lock(stuck.mutex);
-            stuck.dirs.insert(dir);
+        next = queries.size();
+        if (batch.empty()) break;
+        if (!current) {
+            auto worker = std::make_shared<Worker>();
+            try {
+                std::thread(worker_loop, worker).detach();
+            } catch (const std::system_error&) {
+                // No thread to spare: better no figures this time than a tick that may hang.
+                for (size_t i : batch) {
+                    queries[i].answer = FsAnswer::failed;
+                    queries[i].error = EAGAIN;
+                }
+                return;
+            }
+            current = std::move(worker);
         }
-        lock.unlock();
-        current.reset();
-        return FsAnswer::timed_out;
+        Worker& w = *current;
+        std::unique_lock lock(w.mutex);
+        w.dirs.clear();
+        for (size_t i : batch) w.dirs.push_back(queries[i].dir);
+        w.results.assign(batch.size(), FsUsage{});
+        w.errors.assign(batch.size(), 0);
+        w.answered = 0;
+        w.pending = true;
+        w.cv.notify_all();
+        for (size_t k = 0; k < batch.size(); ++k) {
+            FsQuery& q = queries[batch[k]];
+            auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+            if (!w.cv.wait_until(lock, deadline, [&] { return w.answered > k; })) {
+                // Marked stuck while the worker's lock is held, so the worker, which checks
+                // `abandoned` under that lock, always clears the mark after it was made.
+                w.abandoned = true;
+                {
+                    StuckSet& stuck = stuck_set();
+                    std::lock_guard stuck_lock(stuck.mutex);
+                    stuck.dirs.insert(q.dir);
+                }
+                q.answer = FsAnswer::timed_out;
+                lock.unlock();
+                current.reset();
+                // The rest of the pass starts again with a fresh worker.
+                next = k + 1 < batch.size() ? batch[k + 1] : queries.size();
+                break;
+            }
+            q.error = w.errors[k];
+            q.answer = q.error != 0 ? FsAnswer::failed : FsAnswer::ok;
+            if (q.error == 0) q.usage = w.results[k];
+        }
     }
-    if (error) *error = w.error;
-    if (w.error != 0) return FsAnswer::failed;
-    out = w.result;
-    return FsAnswer::ok;
+}
+
+FsAnswer query_fs_usage(const std::string& dir, FsUsage& out, int timeout_ms, int* error) {
+    std::vector<FsQuery> one{FsQuery(dir)};
+    query_fs_usage_batch(one, timeout_ms);
+    if (error) *error = one[0].error;
+    if (one[0].answer == FsAnswer::ok) out = one[0].usage;
+    return one[0].answer;
 }
 
 }  // namespace platform
