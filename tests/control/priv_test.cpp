@@ -1,120 +1,99 @@
-// Capabilities and the account switch. Every case changes the process's privileges or
-// ids, so each runs in a forked child and reports through its output.
+// Capabilities, the account switch and the /proc process lookups. All of them change or
+// depend on the process's privileges, so each case runs in a forked child.
 #include <gtest/gtest.h>
-#include <linux/capability.h>
-#include <unistd.h>
+#include <sys/capability.h>
 
-#include <cstdint>
-#include <string>
-
-#include "child_run.h"
 #include "control/rta_priv.h"
 #include "control_test_util.h"
 
 using namespace control_test;
 
 namespace {
-
 constexpr uint64_t bit(int cap) { return uint64_t{1} << cap; }
 constexpr uint64_t kFileAndSetid = bit(CAP_DAC_READ_SEARCH) | bit(CAP_SETUID) | bit(CAP_SETGID);
 constexpr uint64_t kKept = kFileAndSetid | bit(CAP_SYS_PTRACE);
 
-bool privileged() { return geteuid() == 0 && (cap_mask("CapEff") & kKept) == kKept; }
-
-std::string hex(uint64_t v) {
-    char buf[32];
-    snprintf(buf, sizeof buf, "%llx", static_cast<unsigned long long>(v));
+std::string hex(uint64_t v) {  // as /proc/self/status shows a capability set
+    char buf[20];
+    snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(v));
     return buf;
 }
-
-std::string caps(const char* which) { return hex(cap_mask(which)); }
-
+// A capability set of /proc/self/status: "CapPrm", "CapEff" or "CapBnd".
+std::string caps(const std::string& which) {
+    std::istringstream in(read_file("/proc/self/status"));
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind(which + ":\t", 0) == 0) return line.substr(which.size() + 2);
+    return "";
+}
 }  // namespace
 
-TEST(Privileges, InitKeepsTheNamedListAndOnOffToggle) {
-    if (!privileged()) GTEST_SKIP() << "needs root with its capabilities";
-    const uint64_t start_bounding = cap_mask("CapBnd");
+TEST(FindProc, CapturedTrees) {
     ChildResult c = run_in_child([] {
-        priv_init();
-        std::string s = caps("CapPrm") + " " + caps("CapEff") + " " + caps("CapBnd");
-        priv_off();
-        priv_off_proc();
-        s += " " + caps("CapEff");
-        priv_on();
-        s += " " + caps("CapEff");
-        priv_on_proc();
-        s += " " + caps("CapEff");
-        priv_off();
-        s += " " + caps("CapEff");
-        printf("%s", s.c_str());
-        return 0;
+        use_proc_root(kFixtures + "linux/procs/proc");
+        int results[] = {
+            // findproc: the recorded pid, our namespace, short name within the given name.
+            findproc("vornrta", 100, 0), findproc("vornrta", 200, 0), findproc("vorn", 100, 0),
+            findproc("vornrta", 400, 0), findproc("vornrta", 1, 0), findproc("vornrta", 500, 0),
+            findproc("vornrta", 700, 0), findproc("vornrta", 999, 0), findproc("<my (odd) name>", 300, 0),
+            findproc("mover", 601, 0), findproc("mover", 600, 0),  // the record's pid counts, not the entry's
+            // By name: equal names, own pid excluded, other namespaces never.
+            find_process_by_name("vornrta", 0, 0), find_process_by_name("vornrta", 100, 0),
+            find_process_by_name("vorn", 0, 0), find_process_by_name("vornrt", 0, 0),
+            find_process_by_name("my (odd) name", 0, 0), findproc_nopid("vornrta", 0)};
+        for (int r : results) printf("%d ", r);
+        use_proc_root(kFixtures + "linux/procs/proc/absent");
+        return printf("%d %d", findproc("vornrta", 100, 0), find_process_by_name("vornrta", 0, 0)), 0;
     });
-    ASSERT_EQ(c.exit_code, 0) << c.err;
-    EXPECT_EQ(c.err, "");
-    // Dropping from the bounding set needs CAP_SETPCAP.
-    std::string bounding = (start_bounding & bit(CAP_SETPCAP)) ? hex(kKept & start_bounding) : hex(start_bounding);
-    EXPECT_EQ(c.out, hex(kKept) + " " + hex(kKept) + " " + bounding + " 0 " + hex(kFileAndSetid) + " " +
-                         hex(kKept) + " " + hex(bit(CAP_SYS_PTRACE)));
+    EXPECT_EQ(c.out, "1 1 0 0 0 0 0 0 1 1 0 100 0 200 0 300 100 -1 0");
+
+    // Entries that cannot be read mean no privilege.
+    TempDir t;
+    const std::string root = t / "proc";
+    for (int pid : {10, 20, 30}) add_proc(root, pid, pid == 10 ? "other" : "vornrta");
+    chmod((root + "/30/stat").c_str(), 0);
+    chmod((root + "/10").c_str(), 0);
+    c = run_in_child([&] {
+        use_proc_root(root);
+        cap_t none = cap_init();  // only with every capability gone does root meet the file modes
+        if (!none || cap_set_proc(none) != 0) return 50;
+        return printf("%d %d %d %d", findproc("vornrta", 30, 0), findproc("vornrta", 40, 0),
+                      findproc("vornrta", 20, 0), find_process_by_name("vornrta", 0, 0)), 0;
+    });
+    EXPECT_EQ(c.out, "-1 -1 1 20");  // a match still wins over a refusal
+    chmod((root + "/10").c_str(), 0755);
 }
 
-TEST(Privileges, UnprivilegedAgentRunsWithAnEmptyList) {
-    if (geteuid() != 0) GTEST_SKIP() << "needs root to become another account";
-    ChildResult c = run_in_child([] {
-        if (setgid(65534) != 0 || setuid(65534) != 0) return 99;
-        priv_init();
-        priv_on();
-        priv_on_proc();
-        printf("%s %s", caps("CapPrm").c_str(), caps("CapEff").c_str());
-        return 0;
-    });
-    EXPECT_EQ(c.exit_code, 0);
-    EXPECT_EQ(c.err, "");
-    EXPECT_EQ(c.out, "0 0");
-}
-
-TEST(Privileges, RelinquishRootKeepsWhatWasRaised) {
-    if (!privileged()) GTEST_SKIP() << "needs root with its capabilities";
-    // The stop sequence: priv_init, priv_on, then the account switch. proc_owner is
-    // lowered first so that the effective set shows exactly what was put back.
+TEST(Privileges, InitTogglesAndAccounts) {
+    const uint64_t bounding = std::stoull(caps("CapBnd"), nullptr, 16);
+    if ((std::stoull(caps("CapEff"), nullptr, 16) & kKept) != kKept) GTEST_SKIP() << "needs its capabilities";
     ChildResult c = run_in_child([] {
         priv_init();
-        priv_off_proc();
-        priv_on();
+        std::string s = caps("CapPrm") + " " + caps("CapEff") + " " + caps("CapBnd") + " |";
+        for (auto step : {priv_off, priv_off_proc, priv_on, priv_on_proc, priv_off, priv_on, priv_off_proc})
+            s += " " + (step(), caps("CapEff"));
+        // Stop then switches the account, which keeps exactly what was raised.
         int rc = rta_relinquish_root("nobody");
         gid_t groups[64];
-        int n = getgroups(64, groups);
-        bool root_group = false;
+        int n = getgroups(64, groups), root_group = 0;
         for (int i = 0; i < n; ++i) root_group |= groups[i] == 0;
-        printf("%d %d %d %d %s %s", rc, static_cast<int>(getuid()), static_cast<int>(getgid()), root_group ? 1 : 0,
-               caps("CapEff").c_str(), caps("CapPrm").c_str());
-        return 0;
+        return printf("%s | %d %u %u %d %s %s", s.c_str(), rc, getuid(), getgid(), root_group, caps("CapEff").c_str(),
+                      caps("CapPrm").c_str()), 0;
     });
-    ASSERT_EQ(c.exit_code, 0) << c.err;
-    EXPECT_EQ(c.err, "");
-    EXPECT_EQ(c.out, "1 65534 65534 0 " + hex(kFileAndSetid) + " " + hex(kKept));
-}
+    // Dropping from the bounding set needs CAP_SETPCAP.
+    const std::string all = hex(kKept), ptrace = hex(bit(CAP_SYS_PTRACE)), file = hex(kFileAndSetid);
+    EXPECT_EQ(c.out + c.err, all + " " + all + " " + hex(bounding & bit(CAP_SETPCAP) ? kKept & bounding : bounding) +
+                                 " | " + ptrace + " " + hex(0) + " " + file + " " + all + " " + ptrace + " " + all +
+                                 " " + file + " | 1 65534 65534 0 " + file + " " + all);
 
-TEST(Privileges, AccountsAndStartSet) {
-    ChildResult c = run_in_child([] { return rta_relinquish_root("no_such_account_vx"); });
-    EXPECT_EQ(c.exit_code, 0);
+    c = run_in_child([] {
+        int unknown = rta_relinquish_root("no_such_account_vx"), root = rta_am_i_quorbex("root");
+        if (setgid(65534) != 0 || setuid(65534) != 0) return 99;
+        priv_init();  // without privileges the agent runs with an empty list instead of failing
+        priv_on();
+        priv_on_proc();
+        return printf("%d %d%d%d%d %s %s", unknown, root, rta_am_i_quorbex("nobody"), rta_am_i_quorbex("root"),
+                      rta_am_i_quorbex(nullptr), caps("CapPrm").c_str(), caps("CapEff").c_str()), 0;
+    });
+    EXPECT_EQ(c.out, "0 1100 " + hex(0) + " " + hex(0));
     EXPECT_EQ(c.err.rfind("vornrta, unable to change account to  no_such_account_vx, ", 0), 0u) << c.err;
-
-    EXPECT_EQ(rta_am_i_quorbex("no_such_account_vx"), 0);
-    EXPECT_EQ(rta_am_i_quorbex(nullptr), 0);
-    EXPECT_EQ(rta_am_i_quorbex("root"), getuid() == 0 ? 1 : 0);
-    if (getuid() == 0) {
-        ChildResult nobody = run_in_child([] {
-            if (setgid(65534) != 0 || setuid(65534) != 0) return 99;
-            return rta_am_i_quorbex("nobody") * 10 + rta_am_i_quorbex("root");
-        });
-        EXPECT_EQ(nobody.exit_code, 10);
-    }
-
-    ChildResult start = run_in_child([] {
-        rta_build_start_privileges();
-        rta_build_start_privileges();  // a second build replaces the first
-        return 5;
-    });
-    EXPECT_EQ(start.exit_code, 5);
-    EXPECT_EQ(start.err, "");
 }
