@@ -2,17 +2,17 @@
 // clock, and reads back the lines they produced.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
-#include <string>
 #include <vector>
 
 #include "agent/rtdc_globals.h"
 #include "alerts/rtal_tree.h"
+#include "collectors/rtdc_disk.h"
+#include "collectors/rtdc_fsstat.h"
+#include "collectors/rtdc_metric.h"
+#include "collectors/rtdc_net.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_snapshot.h"
 #include "platform/clock.h"
@@ -21,17 +21,12 @@
 namespace vorntest {
 
 inline double fake_now = 0;
-inline double fake_clock() {
-    return fake_now;
-}
 
-/// Every header and data line the collectors wrote, counted as the packet counts them.
+/// The lines the collectors wrote; one data entry per class instance.
 struct Lines {
-    std::vector<std::string> headers;  // one entry each
-    std::vector<std::string> data;     // one entry per class instance
-
-    std::string text() const {
-        std::string out;
+    std::vector<std::string> headers, data;
+    std::string text(const std::string& label = "") const {
+        std::string out = label.empty() ? "" : "# " + label + "\n";
         for (const auto& h : headers) out += h;
         for (const auto& d : data) out += "[" + d + "]\n";
         return out;
@@ -49,88 +44,83 @@ inline Lines take_lines() {
     return lines;
 }
 
-/// Counter path ("Disk~^1~^->vda->Total Operations") to its id, from header lines.
-inline std::map<std::string, int> ids_by_path(const std::vector<std::string>& headers) {
-    std::map<std::string, int> ids;
-    for (const std::string& h : headers) {
-        size_t sep = h.find("::");
-        if (sep == std::string::npos) continue;
-        ids[h.substr(0, sep)] = atoi(h.c_str() + sep + 2);
-    }
-    return ids;
-}
-
-/// Counter path to its value text in the data lines.
-inline std::map<std::string, std::string> values_by_path(const std::vector<std::string>& headers,
-                                                         const std::vector<std::string>& data) {
-    std::map<int, std::string> by_id;
-    for (const std::string& d : data) {
-        std::istringstream in(d);
-        for (std::string line; std::getline(in, line);) {
-            size_t eq = line.find('=');
-            if (eq != std::string::npos) by_id[atoi(line.c_str())] = line.substr(eq + 1);
-        }
-    }
-    std::map<std::string, std::string> out;
-    for (const auto& [path, id] : ids_by_path(headers))
-        if (by_id.count(id)) out[path] = by_id[id];
-    return out;
-}
-
-inline std::string read_text(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-/// Compares `actual` with a golden file under tests/fixtures/linux/golden/; with
-/// VORN_UPDATE_GOLDEN=1 in the environment the file is rewritten instead.
+/// Compares `actual` with the file tests/fixtures/linux/golden/<name>.
 inline void expect_golden(const std::string& name, const std::string& actual) {
     std::string path = std::string(VORN_SOURCE_DIR) + "/tests/fixtures/linux/golden/" + name;
-    if (const char* update = getenv("VORN_UPDATE_GOLDEN"); update && *update == '1') {
-        std::ofstream(path, std::ios::binary | std::ios::trunc) << actual;
-        return;
-    }
-    EXPECT_EQ(read_text(path), actual)
-        << "golden file " << name << " (VORN_UPDATE_GOLDEN=1 rewrites it)";
+    std::ifstream in(path, std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), actual) << "golden " << name;
 }
 
-/// Clean agent state around each collector test: empty line arrays, ids from 1, a metric
-/// tree with only its root, the clock under the test's control, real roots afterwards.
+/// Clean agent state around each test: no lines, ids from 1, a metric tree with only its
+/// root, fresh class records, the clock under the test's control.
 class CollectorTest : public RootsTest {
   protected:
     void SetUp() override {
         rtal_create_root("testhost");
-        clear_tree();
-        take_lines();
-        Offset = 0;
+        reset();
         start_rtdc = 1;
-        counter_added = 0;
-        fake_now = 0;
-        platform::set_clock_for_tests(fake_clock);
+        platform::set_clock_for_tests([] { return fake_now; });
     }
     void TearDown() override {
-        take_lines();
-        clear_tree();
+        reset();
         platform::set_clock_for_tests(nullptr);
-        start_rtdc = 0;
-        counter_added = 0;
         RootsTest::TearDown();
     }
-    static void clear_tree() {
+    static void reset() {
+        take_lines();
+        // The tree goes first: it points into the class records.
         while (Metric_Tree && Metric_Tree->child) RemoveNode(Metric_Tree->child);
+        rtdc_disk_reset_for_tests();
+        rtdc_fs_reset_for_tests();
+        rtdc_metric_reset_for_tests();
+        rtdc_net_reset_for_tests();
+        platform::set_fs_usage_for_tests(nullptr);
+        Offset = start_rtdc = counter_added = 0;
+        fake_now = 0;
     }
-    /// One class call as the snapshot pass makes it.
-    static int run(ClassCollector collector, int header_flag, int verbose = 0) {
+    /// One class call as the snapshot pass makes it, on fixture `name` if one is given.
+    static int run(ClassCollector collector, int header_flag, int verbose = 0,
+                   const char* name = nullptr) {
+        if (name) use_fixture(name);
         return collector(rtdc_data_headers, &n_rtdc_data_headers, rtdc_data_buffers,
                          &n_rtdc_data_buffers, header_flag, verbose);
     }
+    /// A call that must succeed; a header pass's lines name the values of later ones.
+    Lines pass(ClassCollector collector, int header_flag, int verbose = 0,
+               const char* name = nullptr) {
+        EXPECT_EQ(run(collector, header_flag, verbose, name), 1);
+        Lines lines = take_lines();
+        if (header_flag) headers = lines.headers;
+        return lines;
+    }
+    /// Counter path ("Disk~^1~^->vda->Total Operations") to its value text in `lines`.
+    std::map<std::string, std::string> values(const Lines& lines) const {
+        std::map<int, std::string> by_id;
+        for (const std::string& d : lines.data) {
+            std::istringstream in(d);
+            for (std::string line; std::getline(in, line);)
+                by_id[atoi(line.c_str())] = line.substr(line.find('=') + 1);
+        }
+        std::map<std::string, std::string> out;
+        for (const std::string& h : headers)
+            if (size_t sep = h.find("::"); sep != std::string::npos)
+                if (auto id = by_id.find(atoi(&h[sep + 2])); id != by_id.end())
+                    out[h.substr(0, sep)] = id->second;
+        return out;
+    }
     static treeNode* find(const std::string& path) {
         treeNode* node = nullptr;
-        SearchDescription1(path.c_str(), Metric_Tree, &node, 0);
-        return node;
+        return SearchDescription1(path.c_str(), Metric_Tree, &node, 0), node;
     }
+    /// The record a tree leaf reads; null unless the leaf is there with one instance.
+    static void* leaf_base(const std::string& path) {
+        treeNode* leaf = find(path);
+        if (!leaf || GetListCount(leaf->data->instances) != 1) return nullptr;
+        MetricInstance* instance = nullptr;
+        GetFirstItem(leaf->data->instances, reinterpret_cast<void**>(&instance));
+        return instance->base;
+    }
+    std::vector<std::string> headers;
 };
 
 }  // namespace vorntest
