@@ -1,8 +1,5 @@
-// Exception definitions: the rule grammar, fixed-width fields, binding by path, "*"
-// expansion, per-console replacement, abandonment, and the <OK_EXP>/<GETEXP> reply.
-#include <climits>
-#include <set>
-
+// The metric tree and the exception definitions bound to it: rule grammar, field widths, "*"
+// expansion, per-console replacement, abandonment, <OK_EXP>/<GETEXP>. Walk order: see <DESC>.
 #include "alert_test_util.h"
 
 namespace alert_test {
@@ -10,132 +7,131 @@ namespace {
 
 using ExpdefTest = AlertTest;
 
-std::set<std::string> Names() {
-    std::set<std::string> out;
-    for (const auto& r : Rules()) out.insert(r.name);
+std::string Names() {
+    std::string out;
+    for (const auto& r : AlertTest::Rules()) out += r.exp_name + std::string(" ");
     return out;
 }
 
-TEST_F(ExpdefTest, FieldsSplitAtEveryColonRunAndAreCutToTheirWidths) {
-    std::string wide_name(150, 'N'), wide_descript(270, 'd');
-    LoadRules(
-        "CPU high:Net->Load->Busy:>:80.5:1:5:busy too long\n"
-        "a::Net-->Sent:::>=::1e3::0::2\n"  // ':' runs; path levels split at '-' and '>'
-        "b:Net->Sent::80:0:1:desc\n" +     // a missing condition moves every later field up
-        wide_name +
-        ":Net->Sent:>>>>>>>>>>:1234567890123456:00000000000012:3:" + wide_descript + "\n");
-    auto r = Rules();
-    ASSERT_EQ(r.size(), 4u);
-    EXPECT_STREQ(r[0].exp_name, "CPU high");
-    EXPECT_STREQ(r[0].condition, ">");
-    EXPECT_DOUBLE_EQ(r[0].limit, 80.5);
-    EXPECT_EQ(r[0].duration, 3900);
-    EXPECT_STREQ(r[0].descript, "busy too long\n");
-    EXPECT_STREQ(r[0].owner, " 10.0.0.1");
-    EXPECT_EQ(r[0].active, 1u);
-    EXPECT_STREQ(r[0].metric->description, "Net->Load->Busy");
-    EXPECT_STREQ(r[1].name, "Net-->Sent");
-    EXPECT_STREQ(r[1].metric->description, "Net->Sent");
-    EXPECT_STREQ(r[1].condition, ">=");
-    EXPECT_EQ(r[1].duration, 120);
-    EXPECT_STREQ(r[1].descript, "");
-    EXPECT_STREQ(r[2].condition, "80");
-    EXPECT_EQ(r[2].hours, 1);
-    EXPECT_EQ(std::string(r[3].exp_name), std::string(127, 'N'));
-    EXPECT_STREQ(r[3].condition, ">>>>>>>");
-    EXPECT_DOUBLE_EQ(r[3].limit, 12345678901.0);  // eleven characters of limit
-    EXPECT_EQ(r[3].hours, 0);                     // "00000000000" once cut
-    EXPECT_EQ(strlen(r[3].descript), 255u);
-}
-
-TEST_F(ExpdefTest, MalformedLinesAreLoggedAndSkipped) {
-    std::string huge(5000, 'x');
-    LoadRules("short:Net->Sent:>:80\n\nn:" + huge + ":>:1:0:0\n" + huge +
-              ":Net->Sent:>:1:0:0\nnan:Net->Sent:>:abc:x:0\n"
-              "big:Net->Sent:>:1:99999999999:99999999999\nok:Net->Sent:>:1:0:0\n");
-    auto r = Rules();
-    ASSERT_EQ(r.size(), 3u);
-    EXPECT_STREQ(r[0].exp_name, "nan");
-    EXPECT_DOUBLE_EQ(r[0].limit, 0);
-    EXPECT_EQ(r[1].duration, INT32_MAX);  // clamped, not overflowed
-    EXPECT_STREQ(r[2].exp_name, "ok");
+// The lines: colon runs, a missing condition that moves later fields up, over-wide fields,
+// short, empty and over-long lines, a limit that is not a number, a duration too large for
+// an int.
+TEST_F(ExpdefTest, FieldsSplitAtColonRunsAreCutToTheirWidthsAndBadLinesAreSkipped) {
+    LoadRules(Fixture("rule_lines.txt"));
+    std::string got;
+    for (const auto& r : Rules())
+        got += Fmt("%s|%s|%s|%.17g|%d|%s|[%s]\n", r.exp_name, r.name, r.condition, r.limit,
+                   r.duration, r.metric->description, r.descript);
+    EXPECT_EQ(got, Fixture("rules_parsed.txt"));
     std::string log = Log();
-    EXPECT_EQ(CountOf(log, "VORNRTA-W-EXPDEF:    rule line with 4 of 6 fields ignored\n"), 1);
-    EXPECT_EQ(CountOf(log, "VORNRTA-W-EXPDEF:    rule line with 1 of 6 fields ignored\n"), 1);
-    EXPECT_EQ(CountOf(log, "rule line longer than 511 characters ignored"), 2);
-    EXPECT_EQ(CountOf(log, "rule 'nan': limit is not a number, taken as 0"), 1);
+    for (const char* line :
+         {"VORNRTA-W-EXPDEF:    rule line with 4 of 6 fields ignored\n",
+          "VORNRTA-W-EXPDEF:    rule line with 1 of 6 fields ignored\n",
+          "VORNRTA-W-EXPDEF:    rule 'nan': limit is not a number, taken as 0\n"})
+        EXPECT_EQ(CountOf(log, line), 1) << line;
+    EXPECT_EQ(CountOf(log, "VORNRTA-W-EXPDEF:    rule line longer than 511 characters ignored\n"),
+              2);
 }
 
-TEST_F(ExpdefTest, ANewRequestReplacesOnlyItsOwnersRules) {
+TEST_F(ExpdefTest, ANewRequestReplacesOnlyItsOwnersRulesAndStarsExpand) {
     LoadRules("a1:Net->Sent:>:1:0:0\na2:Net->Sent:>:2:0:0\n", " 10.0.0.1");
     LoadRules("b1:Net->Sent:>:3:0:0\n", " 10.0.0.2");
     LoadRules("a3:Net->Load->Idle:<:4:0:0\n", " 10.0.0.1");
-    std::set<std::string> names;
-    for (const auto& r : Rules()) names.insert(r.exp_name);
-    EXPECT_EQ(names, (std::set<std::string>{"b1", "a3"}));
-}
-
-TEST_F(ExpdefTest, StarBindsOneRulePerLeafBelowTheResolvedNode) {
-    LoadRules("all:Net->*:>:1:0:0:x\n");
-    EXPECT_EQ(Names(), (std::set<std::string>{"Net->Load->Busy", "Net->Load->Idle", "Net->Sent",
-                                              "Net->Connections"}));
-    for (const auto& r : Rules()) EXPECT_STREQ(r.name, r.metric->description);
-    ClearLists();
-    LoadRules("some:Net->Load->*:>:1:0:0\n");
-    EXPECT_EQ(Names(), (std::set<std::string>{"Net->Load->Busy", "Net->Load->Idle"}));
-
+    EXPECT_EQ(Names(), "b1 a3 ");
     std::vector<CounterDef> other = {Row("Free", "free", 4, 0), CounterDef{}};
-    double v = 0;
-    ASSERT_EQ(AddCounter("Mem", other.data(), &v, Metric_Tree), 1);
-    ClearLists();
-    LoadRules("every:*:>:1:0:0\n");  // the empty path is the root: every leaf
-    EXPECT_EQ(Rules().size(), 5u);
+    ASSERT_EQ(AddCounter("Mem", other.data(), nullptr, Metric_Tree), 1);
+    // One rule per leaf below the node before "*"; the empty path is the root.
+    for (auto [path, leaves] : {std::pair{"Net->*", 5u}, {"Net->Load->*", 2u}, {"*", 6u}}) {
+        ClearLists();
+        LoadRules(std::string("s:") + path + ":>:1:0:0\n");
+        EXPECT_EQ(Rules().size(), leaves) << path;
+        for (const auto& r : Rules()) EXPECT_STREQ(r.name, r.metric->description);
+    }
 }
 
 TEST_F(ExpdefTest, AnUnresolvablePathOrTheEndTagStopsReading) {
     verbose_flag = 1;
-    for (const char* stop :
-         {"lost:Net->Nowhere:>:1:0:0\n", "star:Nope->*:>:1:0:0\n", "</EXPDEF>\n"}) {
+    const std::pair<void (*)(FILE*, const char*), const char*> cases[] = {
+        {rtal_expdef_action, "lost:Net->Nowhere:>:1:0:0\n"},
+        {rtal_expdef_action, "star:Nope->*:>:1:0:0\n"},
+        {rtal_expdef_action, "</EXPDEF>\n"},
+        // The kept parser of <EVENT> rules: same grammar, its own end tag, "*" binds nothing.
+        {rtal_event_action, "star:Net->*:>:1:0:0\n</EVENT>\n"}};
+    for (auto [action, stop] : cases) {
         ClearLists();
-        WithStream(std::string("kept:Net->Sent:>:1:0:0\n") + stop + "unread:Net->Sent:>:1:0:0\n",
-                   [&](FILE* f) {
-                       rtal_expdef_action(f, " 10.0.0.1");
-                       char next[512];
-                       ASSERT_NE(fgets(next, sizeof next, f), nullptr);
-                       EXPECT_STREQ(next, "unread:Net->Sent:>:1:0:0\n");
-                   });
-        ASSERT_EQ(Rules().size(), 1u);
-        EXPECT_STREQ(Rules()[0].exp_name, "kept");
+        const std::string text = std::string("kept:Net->Sent:>:1:0:0\n") + stop + "unread:\n";
+        WithStream(text, [&](FILE* f) {
+            action(f, " 10.0.0.1");
+            EXPECT_EQ(ftell(f), long(text.find("unread"))) << stop;  // the rest stays unread
+        });
+        EXPECT_EQ(Names(), "kept ") << stop;
     }
-    std::string log = Log();
-    EXPECT_EQ(CountOf(log, " Expdef Action : search for Net->Nowhere failed\n"), 1);
-    EXPECT_EQ(CountOf(log, "Finished Processing <EXPDEF>"), 0);  // only end of stream says so
-    LoadRules("c:Net->Sent:>:1:0:0\n");
+    LoadRules("c:Net->Sent:>:1:0:0\n");  // only the end of a stream is said to finish
     EXPECT_EQ(CountOf(Log(), "VORNRTA-I-EXPDEF:   Finished Processing <EXPDEF>\n"), 1);
-
-    // The kept parser of <EVENT> rules: same grammar, its own end tag, "*" binds nothing.
-    ClearLists();
-    WithStream("e1:Net->Sent:>:1:0:0\ne2:Net->*:>:1:0:0\n</EVENT>\ne3:Net->Sent:>:1:0:0\n",
-               [](FILE* f) { rtal_event_action(f, " 10.0.0.7"); });
-    ASSERT_EQ(Rules().size(), 1u);
-    EXPECT_STREQ(Rules()[0].exp_name, "e1");
+    EXPECT_EQ(CountOf(Log(), " Expdef Action : search for Net->Nowhere failed\n"), 1);
 }
 
 TEST_F(ExpdefTest, CheckDefsTellsTheConsoleWhetherRulesAreHeld) {
-    int rc = 99;
-    EXPECT_EQ(Exchange([&](int fd) { rc = rtal_expdef_check_defs(fd, 0); }), "<GETEXP>\n");
-    EXPECT_EQ(rc, 0);
-    LoadRules("a:Net->Sent:>:1:0:0\n");
-    EXPECT_EQ(Exchange([&](int fd) { rc = rtal_expdef_check_defs(fd, 0); }), "");
-    EXPECT_EQ(rc, 1);
-    EXPECT_EQ(Exchange([&](int fd) { rc = rtal_expdef_check_defs(fd, 1); }), "<OK_EXP>\n");
-    EXPECT_EQ(rc, 1);
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    close(sv[1]);
-    EXPECT_EQ(rtal_expdef_check_defs(sv[0], 1), -1);  // no SIGPIPE either
-    close(sv[0]);
+    const std::tuple<int, Console, const char*, int> cases[] = {
+        {0, kReads, "<GETEXP>\n", 0},
+        {0, kGone, "", -1},  // and no SIGPIPE
+        {0, kReads, "", 1},
+        {1, kReads, "<OK_EXP>\n", 1}};
+    for (auto [always, console, reply, want] : cases) {
+        if (want == 1) LoadRules("a:Net->Sent:>:1:0:0\n");
+        int rc = 99;
+        auto check = [&](int fd) { return rtal_expdef_check_defs(fd, always); };
+        EXPECT_EQ(Exchange(check, &rc, console), reply);
+        EXPECT_EQ(rc, want) << reply;
+    }
     EXPECT_EQ(CountOf(Log(), "VORNRTA-I-TAGFAIL: <GETEXP> tag send failed: Broken pipe\n"), 1);
+}
+
+// The children of `parent` in sibling order; "!" marks a broken back or parent link.
+std::string Order(treeNode* parent) {
+    std::string out;
+    for (treeNode* c = parent->child; c; c = c->next) {
+        bool linked = c->parent == parent && (c->prev ? c->prev->next == c : parent->child == c);
+        out += std::string(c->data->description) + (linked ? " " : "! ");
+    }
+    return out;
+}
+
+TEST_F(ExpdefTest, ChildrenLinkNewestFirstAndRemovalRelinksSiblings) {
+    treeNode* root = Metric_Tree;
+    ASSERT_EQ(rtal_create_root("other"), 1);  // made once only
+    EXPECT_EQ(Metric_Tree, root);
+    auto add = [](const char* name, treeNode* parent) {
+        treeNode* node = nullptr;
+        return AddMetricNode(name, parent, &node), node;
+    };
+    treeNode *a = add("A", root), *b = add("B", root), *c = add("C", root);
+    add("B1", b);
+    EXPECT_EQ(Order(root), "C B A Net ");
+    const std::pair<treeNode*, const char*> removals[] = {
+        {b, "C A Net "}, {c, "A Net "}, {Find("Net"), "A "}};  // middle, first, last
+    for (auto [node, left] : removals) {
+        ASSERT_EQ(RemoveNode(node), 1);
+        EXPECT_EQ(Order(root), left);
+    }
+    EXPECT_EQ(Find("A"), a);  // every removal released the tree lock
+    RemoveNode(root);
+    EXPECT_EQ(Metric_Tree, nullptr);  // else the next root would never be made
+}
+
+TEST_F(ExpdefTest, CounterNamesSplitIntoLevelsAndRegisteringAgainReusesThem) {
+    std::vector<CounterDef> odd = {Row("Read-Write->Rate>Max", "odd", 4, 0), CounterDef{}};
+    ASSERT_EQ(AddCounter("Disk", odd.data(), nullptr, Metric_Tree), 1);
+    EXPECT_NE(Find("Disk->Read->Write->Rate->Max"), nullptr);  // every '-' and '>' splits
+    EXPECT_EQ(Find("Net->Idle"), nullptr);                     // every level must be named
+    EXPECT_EQ(Find("Net->" + std::string(600, 'x')), nullptr);
+
+    // Again: "->" levels are reused, a single-level counter gets a second node.
+    ASSERT_EQ(AddCounter("Net", table_.data(), &record_, Metric_Tree), 1);
+    EXPECT_EQ(Order(Metric_Tree), "Disk Net ");
+    EXPECT_EQ(Order(Find("Net->Load")), "Net->Load->Idle Net->Load->Busy ");
+    EXPECT_EQ(GetListCount(Find("Net->Load->Idle")->data->instances), 1);
+    EXPECT_EQ(CountOf(Order(Find("Net")), "Net->Sent "), 2);
 }
 
 }  // namespace
