@@ -1,21 +1,19 @@
 // Header and data lines, byte for byte, for every value type; counter ids.
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <limits>
 #include <random>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "agent/rtdc_globals.h"
-#include "agent/rtdc_log.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_packet.h"
-#include "support/fixture_roots.h"
 
 namespace {
 
@@ -27,314 +25,164 @@ struct AllTypes {
     float f;
     uint64_t u64;
     int16_t i16;
-};
+} const kRecord{-7, -1234567890123LL, "abc def", 3.14159, 2.5f, 0x123456780000ABCDULL, -2};
+#define AT(field) offsetof(AllTypes, field)
 
-CounterDef Row(const char* name, int type, int32_t offset, int is_counter, int marker = 1,
+CounterDef Row(const char* name, int type, size_t offset, int is_counter, int marker = 1,
                const char* units = "%", const char* description = "desc") {
-    CounterDef row{};
-    row.id = 1;
-    row.offset = offset;
+    CounterDef row{1, static_cast<int32_t>(offset), {}, type, {}, marker, {}, is_counter};
     snprintf(row.name, sizeof row.name, "%s", name);
-    row.type = type;
     snprintf(row.description, sizeof row.description, "%s", description);
-    row.marker = marker;
     snprintf(row.units, sizeof row.units, "%s", units);
-    row.is_counter = is_counter;
     return row;
 }
 
-#define AT(field) static_cast<int32_t>(offsetof(AllTypes, field))
-
-AllTypes SampleRecord() {
-    AllTypes r{};
-    r.i32 = -7;
-    r.i64 = 1234567890123LL;
-    snprintf(r.text, sizeof r.text, "abc def");
-    r.d = 3.14159;
-    r.f = 2.5f;
-    r.u64 = 0x123456789ABCDEF0ULL;
-    r.i16 = -2;
-    return r;
+std::string Fixture(const char* name) {
+    std::stringstream text;
+    text << std::ifstream(std::string(VORN_SOURCE_DIR) + "/tests/fixtures/lines/" + name).rdbuf();
+    return text.str();
 }
 
 // Each test starts with empty arrays and id 0, and leaves them so.
 class Lines : public ::testing::Test {
   protected:
-    void SetUp() override {
-        Offset = 0;
-        exit_recieved = 0;
-    }
+    void SetUp() override { TearDown(); }
     void TearDown() override {
         rtdc_free_lines(rtdc_data_headers, &n_rtdc_data_headers, &n_rtdc_header_len);
         rtdc_free_lines(rtdc_data_buffers, &n_rtdc_data_buffers, &n_rtdc_data_len);
-        Offset = 0;
-        exit_recieved = 0;
+        Offset = exit_recieved = 0;
     }
-    std::vector<std::string> Headers() const {
-        return {rtdc_data_headers, rtdc_data_headers + n_rtdc_data_headers};
+    static int Data(const void* record, const CounterDef* table) {
+        return rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, record, table);
+    }
+    static int Headers(const void* record, CounterDef* table) {
+        return rtdc_buffer_headers(rtdc_data_headers, &n_rtdc_data_headers, record, table, "Cpu");
+    }
+    static int ProcessHeaders(CounterDef* table, const void* record, long pid, const char* name) {
+        return rtdc_buffer_process_headers(rtdc_data_headers, &n_rtdc_data_headers, table, record,
+                                           pid, name);
+    }
+    // Header entries as one text, an empty one as an empty line; checks their counted length.
+    static std::string HeaderText() {
+        std::string text;
+        int counted = 0;
+        for (int i = 0; i < n_rtdc_data_headers; ++i) {
+            text += *rtdc_data_headers[i] ? rtdc_data_headers[i] : "\n";
+            counted += static_cast<int>(strlen(rtdc_data_headers[i]) + 1);
+        }
+        EXPECT_EQ(n_rtdc_header_len, counted);
+        return text;
     }
 };
 
-TEST_F(Lines, DataLinesForEveryTypeCode) {
-    AllTypes r = SampleRecord();
-    std::vector<CounterDef> table = {
-        Row("t1", 1, AT(i32), 1),    Row("t2", 2, AT(i64), 1),   Row("t3", 3, AT(text), 1),
-        Row("t4", 4, AT(d), 1),      Row("t6", 6, AT(i64), 1),   Row("t7", 7, AT(f), 1),
-        Row("t8", 8, AT(u64), 1),    Row("t9", 9, AT(i16), 1),   Row("t10", 10, AT(i32), 0),
-        Row("t11", 11, AT(text), 0), Row("t12", 12, AT(i32), 0), Row("t13", 13, AT(d), 0),
-        Row("t14", 14, AT(i32), 0),  Row("t15", 15, AT(i32), 0), Row("t16", 16, AT(text), 0),
-        Row("t17", 17, AT(u64), 0),  Row("t18", 18, AT(d), 0),   CounterDef{}};
-    for (size_t i = 0; i + 1 < table.size(); ++i) table[i].id = 100 + static_cast<int>(i);
-
-    int len = rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, &r, table.data());
-    const std::string expected =
-        "100=-7\n101=1234567890123\n102=abc def\n103=3.14\n104=1234567890123\n105=2.50\n"
-        "106=9ABCDEF0\n107=-2\n113=-7\n114=abc def\n115=9ABCDEF0\n116=3.14\n";
-    ASSERT_EQ(n_rtdc_data_buffers, 1);  // one entry per instance, however many rows
-    EXPECT_EQ(rtdc_data_buffers[0], expected);
-    EXPECT_EQ(len, static_cast<int>(expected.size() + 1));
-    EXPECT_EQ(n_rtdc_data_len, len);
-}
-
-TEST_F(Lines, UnknownTypesWriteNoDataLineButAreLogged) {
-    vorntest::TempTree tree;
-    snprintf(logfilec, sizeof logfilec, "%s/test.log", tree.root().c_str());
-    rtdc_log_reset_for_tests();
-
-    AllTypes r = SampleRecord();
-    std::vector<CounterDef> table = {Row("a", 1, AT(i32), 1),
-                                     Row("b", 5, AT(i32), 1),
-                                     Row("c", 20, AT(i64), 1),
-                                     Row("d", -3, AT(i32), 1),
-                                     Row("e", 0, AT(i32), 1),
-                                     Row("f", 19, AT(i32), 1),
-                                     CounterDef{}};
-    table[1].id = 42;
-    rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, &r, table.data());
-    EXPECT_STREQ(rtdc_data_buffers[0], "1=-7\n");
-
-    RTDCCloseLog();
-    std::ifstream in(logfilec);
-    std::stringstream log;
-    log << in.rdbuf();
-    for (const char* text : {"Unknown type in meta data 5, m[1].id = 42\n",
-                             "Unknown type in meta data 20, m[2].id = 1\n",
-                             "Unknown type in meta data -3, m[3].id = 1\n",
-                             "Unknown type in meta data 0, m[4].id = 1\n",
-                             "Unknown type in meta data 19, m[5].id = 1\n"})
-        EXPECT_NE(log.str().find(text), std::string::npos) << text;
-    logfilec[0] = '\0';
-    rtdc_log_reset_for_tests();
-}
-
-TEST_F(Lines, EmptyTableGivesNoHeaderAndOneEmptyDataEntry) {
-    CounterDef table[1] = {};
-    EXPECT_EQ(rtdc_buffer_headers(rtdc_data_headers, &n_rtdc_data_headers, nullptr, table, "X"), 0);
-    EXPECT_EQ(n_rtdc_data_headers, 0);
-    EXPECT_EQ(rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, nullptr, table), 1);
-    ASSERT_EQ(n_rtdc_data_buffers, 1);
-    EXPECT_STREQ(rtdc_data_buffers[0], "");
-    EXPECT_EQ(n_rtdc_data_len, 1);
-}
-
-TEST_F(Lines, HeaderLinesForEveryTypeCode) {
-    AllTypes r = SampleRecord();
+TEST_F(Lines, HeaderAndDataLinesForEveryTypeCode) {
+    // Counters of every type; attributes (a value in the header line if the type has one, no
+    // data line for 10-14); unknown types, which write nothing; a bad is_counter.
+    const std::tuple<int, size_t, int> rows[] = {
+        {1, AT(i32), 1},  {2, AT(i64), 1},  {3, AT(text), 1}, {6, AT(i64), 1},   {7, AT(f), 1},
+        {8, AT(u64), 1},  {9, AT(i16), 1},  {10, AT(i32), 0}, {11, AT(text), 0}, {12, AT(u64), 0},
+        {13, AT(d), 0},   {14, AT(i32), 0}, {15, AT(i32), 0}, {16, AT(text), 0}, {17, AT(u64), 0},
+        {18, AT(d), 0},   {5, AT(i32), 0},  {19, AT(i32), 0}, {20, AT(i64), 0},  {0, AT(i32), 0},
+        {-3, AT(i32), 0}, {4, AT(d), 2}};
     std::vector<CounterDef> table = {
         Row(" Mode Averages->Idle", 4, AT(d), 1, 1, "%", "CPU in Idle mode"),
-        Row("Plain", 4, AT(d), 1, 0, "/Sec", "no marker"), Row("t10", 10, AT(i32), 0, 1, " "),
-        Row("t11", 11, AT(text), 0, 1, "0"), Row("t12", 12, AT(u64), 0), Row("t13", 13, AT(d), 0),
-        Row("t15", 15, AT(i32), 0), Row("t16", 16, AT(text), 0), Row("t17", 17, AT(u64), 0),
-        Row("t18", 18, AT(d), 0),
-        // Attributes whose type carries no header value, and a bad is_counter: no lines.
-        Row("t1", 1, AT(i32), 0), Row("t14", 14, AT(i32), 0), Row("t20", 20, AT(i64), 0),
-        Row("bad", 4, AT(d), 2), CounterDef{}};
-
-    int added =
-        rtdc_buffer_headers(rtdc_data_headers, &n_rtdc_data_headers, &r, table.data(), "Cpu");
-    const std::vector<std::string> expected = {
-        "Cpu~^1~^-> Mode Averages->Idle::1::CPU in Idle mode::1,%,1\n",
-        "Cpu->Plain::2::no marker::0,/Sec,1\n",
-        "Cpu~^1~^->t10::3::desc::1, ,0,-7\n",
-        "Cpu~^1~^->t11::4::desc::1,0,0,abc def\n",
-        "Cpu~^1~^->t12::5::desc::1,%,0,9ABCDEF0\n",  // 32 bits read: the low half here
-        "Cpu~^1~^->t13::6::desc::1,%,0,3.14159\n",
-        "Cpu~^1~^->t15::7::desc::1,%,0,-7\n",
-        "Cpu~^1~^->t16::8::desc::1,%,0,abc def\n",
-        "Cpu~^1~^->t17::9::desc::1,%,0,9ABCDEF0\n",
-        "Cpu~^1~^->t18::10::desc::1,%,0,3.14159\n"};
-    EXPECT_EQ(added, 10);
-    EXPECT_EQ(Headers(), expected);
-    int total = 0;
-    for (const auto& line : expected) total += static_cast<int>(line.size() + 1);
-    EXPECT_EQ(n_rtdc_header_len, total);
-    // Every live row got a fresh id, the silent ones too.
-    EXPECT_EQ(table[13].id, 14);
-    EXPECT_EQ(Offset, 14);
-    // Building the headers again renews the ids.
-    rtdc_buffer_headers(rtdc_data_headers, &n_rtdc_data_headers, &r, table.data(), "Cpu");
-    EXPECT_EQ(table[0].id, 15);
-}
-
-TEST_F(Lines, OverlongHeaderLineIsCutToItsBuffer) {
-    CounterDef row =
-        Row(std::string(127, 'n').c_str(), 4, 0, 1, 1, "%", std::string(255, 'd').c_str());
-    CounterDef table[2] = {row, {}};
-    double value = 0;
-    ASSERT_EQ(rtdc_buffer_headers(rtdc_data_headers, &n_rtdc_data_headers, &value, table, "Cpu"),
-              1);
+        Row("Plain", 4, AT(d), 1, 0, "/Sec", "no marker")};
+    for (auto [type, offset, is_counter] : rows)
+        table.push_back(Row(("t" + std::to_string(type)).c_str(), type, offset, is_counter));
+    table.push_back({});
+    EXPECT_EQ(Headers(&kRecord, table.data()), 17);
+    EXPECT_EQ(HeaderText(), Fixture("every-type-headers.txt"));
+    const std::string data =
+        "1=3.14\n2=3.14\n3=-7\n4=-1234567890123\n5=abc def\n6=-1234567890123\n"
+        "7=2.50\n8=0000ABCD\n9=-2\n15=-7\n16=abc def\n17=0000ABCD\n18=3.14\n24=3.14\n";
+    EXPECT_EQ(Data(&kRecord, table.data()), static_cast<int>(data.size() + 1));
+    ASSERT_EQ(n_rtdc_data_buffers, 1);  // one entry per instance, however many rows
+    EXPECT_EQ(rtdc_data_buffers[0], data);
+    EXPECT_EQ(n_rtdc_data_len, static_cast<int>(data.size() + 1));
+    Headers(&kRecord, table.data());  // a new header pass renews every id
+    EXPECT_EQ(table[0].id, 25);
+    // An instance without rows still takes its (empty) entry, and makes no header line.
+    EXPECT_EQ(Data(nullptr, &table.back()), 1);
+    EXPECT_STREQ(rtdc_data_buffers[1], "");
+    EXPECT_EQ(Headers(nullptr, &table.back()), 0);
+    TearDown();  // an overlong header line is cut to its 256-byte buffer
+    table[0] = Row(std::string(127, 'n').c_str(), 4, 0, 1, 1, "%", std::string(255, 'd').c_str());
+    table[1] = CounterDef{};
+    ASSERT_EQ(Headers(nullptr, table.data()), 1);
     EXPECT_EQ(strlen(rtdc_data_headers[0]), 255u);
     EXPECT_EQ(n_rtdc_header_len, 256);
 }
 
-TEST_F(Lines, ProcessHeadersKeepAnEntryForEveryRow) {
-    ProcessRecord rec{};
+TEST_F(Lines, ProcessHeadersTakeAnEntryForEveryRowWithPidDerivedIds) {
+    ProcessRecord rec{};  // no parent and no terminal: 0 and an empty value
     rec.pid = 100;
-    rec.ppid = 1;
     snprintf(rec.user_name, sizeof rec.user_name, "root");
-    snprintf(rec.tty_name, sizeof rec.tty_name, "?");
     std::vector<CounterDef> table(ProcessCounters, ProcessCounters + PROC_FIELDS());
-    ASSERT_EQ(PROC_FIELDS(), 18);
-
-    EXPECT_EQ(rtdc_buffer_process_headers(rtdc_data_headers, &n_rtdc_data_headers, table.data(),
-                                          &rec, 100, "sendmail"),
-              1);
-    ASSERT_EQ(n_rtdc_data_headers, 17);
-    // ids are index + pid * rows + 65536, rows counted from 1
-    EXPECT_STREQ(rtdc_data_headers[0],
-                 "Process~^1~^->sendmail  (100)->PID::67337::Process Id::1, ,0,100\n");
-    EXPECT_STREQ(rtdc_data_headers[2],
-                 "Process~^1~^->sendmail  (100)->User Name::67339::User Name::1, ,0,root\n");
-    EXPECT_STREQ(
-        rtdc_data_headers[4],
-        "Process~^1~^->sendmail  (100)->% CPU Utilization::67341::% CPU Utilization::1,%,1\n");
-    EXPECT_STREQ(rtdc_data_headers[16],
-                 "Process~^1~^->sendmail  (100)->Priority::67353::Priority::1,#,1\n");
-    EXPECT_EQ(table[16].id, 67353);
-    EXPECT_EQ(Offset, 0);  // process ids do not use the ordinary id space
-
-    // A row that makes no line still takes one (empty) entry; types 20 and 17 have values.
-    struct Wide {
-        int64_t big;
-        uint64_t bits;
-    } wide{-5000000000LL, 0xFFFFFFFF00000010ULL};
-    std::vector<CounterDef> odd = {Row("none", 4, 0, 0), Row("big", 20, 0, 0),
-                                   Row("bits", 17, 8, 0), CounterDef{}};
-    int before = n_rtdc_header_len;
-    rtdc_buffer_process_headers(rtdc_data_headers, &n_rtdc_data_headers, odd.data(), &wide, 7, "x");
-    ASSERT_EQ(n_rtdc_data_headers, 20);
-    EXPECT_STREQ(rtdc_data_headers[17], "");
-    EXPECT_STREQ(rtdc_data_headers[18],
-                 "Process~^1~^->x  (7)->big::65664::desc::1,%,0,-5000000000\n");
-    EXPECT_STREQ(rtdc_data_headers[19],
-                 "Process~^1~^->x  (7)->bits::65665::desc::1,%,0,00000010\n");
-    EXPECT_EQ(n_rtdc_header_len - before, 1 + static_cast<int>(strlen(rtdc_data_headers[18]) +
-                                                               strlen(rtdc_data_headers[19]) + 2));
-
-    exit_recieved = 1;
-    EXPECT_EQ(rtdc_buffer_process_headers(rtdc_data_headers, &n_rtdc_data_headers, table.data(),
-                                          &rec, 101, "sendmail"),
-              0);
+    EXPECT_EQ(ProcessHeaders(table.data(), &rec, 100, "sendmail"), 1);
+    // A row that makes no line still takes one (empty) entry; types 20 and 17 read 64 bits.
+    CounterDef odd[] = {
+        Row("none", 4, 0, 0), Row("big", 20, AT(i64), 0), Row("bits", 17, AT(u64), 0), {}};
+    ProcessHeaders(odd, &kRecord, 7, "x");
+    // ids are row number + pid * rows + 65536: the same every scan, apart from ordinary ids
+    EXPECT_EQ(HeaderText(), Fixture("process-headers.txt"));
+    EXPECT_EQ(Offset, 0);
+    exit_recieved = 1;  // shutting down: nothing more is added
+    EXPECT_EQ(ProcessHeaders(table.data(), &rec, 101, "sendmail"), 0);
     EXPECT_EQ(n_rtdc_data_headers, 20);
 }
 
 TEST_F(Lines, FixedTwoDecimalsMatchPrintf) {
-    std::vector<double> values = {0.0,
-                                  -0.0,
-                                  0.125,
-                                  0.375,
-                                  2.675,
-                                  1.005,
-                                  0.005,
-                                  99.995,
-                                  100.0,
-                                  1e15,
-                                  123456789.125,
-                                  -42.4951,
-                                  1e300,
-                                  -1e-300,
-                                  std::numeric_limits<double>::infinity(),
-                                  -std::numeric_limits<double>::infinity(),
-                                  std::numeric_limits<double>::quiet_NaN(),
-                                  std::numeric_limits<double>::denorm_min()};
+    // Decimal and binary (k/8) ties, the 2^52 end of the exact path, NaN, infinity, any bit
+    // pattern; each with its negation and its next neighbour.
+    std::vector<double> values = {0.0,           0.125,     2.675,          1.005,  0.005,
+                                  99.995,        0.995,     0.994999999999, 100.0,  1e15,
+                                  123456789.125, 42.4951,   1e300,          1e-300, HUGE_VAL,
+                                  NAN,           0x1p-1074, 0x1p52 - 0.5,   0x1p52, 0x1p52 + 1};
+    for (int k = -400; k <= 400; ++k) values.push_back(k / 8.0 + 1000.0 * (k % 7));
     std::mt19937_64 rng(7);
-    std::uniform_real_distribution<double> pct(0.0, 100.0);
-    for (int i = 0; i < 2000; ++i) values.push_back(pct(rng));
-    for (int i = 0; i < 500; ++i)
-        values.push_back(std::ldexp(pct(rng), static_cast<int>(rng() % 80) - 40));
-    // Exact ties at the third decimal (k/8) and values right beside them.
-    for (int k = -400; k <= 400; ++k) {
-        double tie = k / 8.0 + 1000.0 * (k % 7);
-        values.insert(values.end(), {tie, std::nextafter(tie, 1e9), std::nextafter(tie, -1e9)});
-    }
-    // Arbitrary bit patterns: every exponent, subnormals, the 2^52 boundary.
-    for (int i = 0; i < 3000; ++i) {
-        uint64_t bits = rng();
-        double v;
-        memcpy(&v, &bits, sizeof v);
-        values.push_back(v);
-    }
-    for (double edge :
-         {4503599627370495.5, 4503599627370496.0, 4503599627370497.0, 0.995, 0.994999999999})
-        values.insert(values.end(), {edge, -edge});
-    CounterDef table[3] = {Row("d", 4, 0, 1), Row("f", 7, 8, 1), {}};
-    table[0].id = 1;
-    table[1].id = 2;
+    for (int i = 0; i < 5000; ++i) values.push_back(std::bit_cast<double>(rng()));
+    CounterDef table[3] = {Row("d", 4, AT(d), 1), Row("f", 7, AT(f), 1), {}};
     for (double v : values) {
-        struct {
-            double d;
-            float f;
-        } rec{v, static_cast<float>(v)};
-        char expected[1024];
-        snprintf(expected, sizeof expected, "1=%.2lf\n2=%.2f\n", v, static_cast<double>(rec.f));
-        rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, &rec, table);
-        ASSERT_STREQ(rtdc_data_buffers[n_rtdc_data_buffers - 1], expected) << v;
-        rtdc_free_lines(rtdc_data_buffers, &n_rtdc_data_buffers, &n_rtdc_data_len);
+        for (double s : {v, -v, std::nextafter(v, HUGE_VAL)}) {
+            const AllTypes rec{0, 0, "", s, static_cast<float>(s), 0, 0};
+            char expected[1024];
+            snprintf(expected, sizeof expected, "1=%.2lf\n1=%.2f\n", s, static_cast<double>(rec.f));
+            Data(&rec, table);
+            ASSERT_STREQ(rtdc_data_buffers[0], expected) << s;
+            TearDown();
+        }
     }
 }
 
-TEST_F(Lines, FullArraysDropLinesInsteadOfOverrunning) {
-    CounterDef table[2] = {Row("a", 1, 0, 1), {}};
-    int32_t value = 1;
-    n_rtdc_data_buffers = kMaxLines;  // pretend full; entries beyond are never touched
-    EXPECT_EQ(rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, &value, table), 0);
-    EXPECT_EQ(n_rtdc_data_buffers, kMaxLines);
-    n_rtdc_data_buffers = 0;
-    n_rtdc_data_len = 0;
-}
-
-TEST_F(Lines, StoredLinesSurviveReuseAndForeignEntries) {
+TEST_F(Lines, StoredLinesSurviveReuseForeignEntriesAndFullArrays) {
     CounterDef table[3] = {Row("a", 1, 0, 1), Row("b", 1, 4, 1), {}};
     int32_t values[2] = {1, 2};
     // Many scans: the text of every scan is its own, whatever the previous one left.
     for (int scan = 0; scan < 50; ++scan) {
         values[0] = scan;
-        for (int i = 0; i < 2000; ++i)
-            rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, values, table);
+        for (int i = 0; i < 2000; ++i) Data(values, table);
         ASSERT_EQ(n_rtdc_data_buffers, 2000);
         std::string expected = "1=" + std::to_string(scan) + "\n1=2\n";
         ASSERT_EQ(rtdc_data_buffers[0], expected);
         ASSERT_EQ(rtdc_data_buffers[1999], expected);
-        if (scan % 2) {
-            rtdc_free_lines(rtdc_data_buffers, &n_rtdc_data_buffers, &n_rtdc_data_len);
-        } else {
-            // Emptied without being freed: the next lines must not trust the old ones.
-            for (int i = 0; i < n_rtdc_data_buffers; ++i) rtdc_data_buffers[i] = nullptr;
-            n_rtdc_data_buffers = 0;
-            n_rtdc_data_len = 0;
-        }
+        // Freed, or emptied without being freed: the next lines must not trust the old ones.
+        if (scan % 2) TearDown();
+        std::fill_n(rtdc_data_buffers, n_rtdc_data_buffers, nullptr);
+        n_rtdc_data_buffers = n_rtdc_data_len = 0;
     }
-    // A string a caller puts in itself is malloc'd and freed with the array; the packet
-    // measures it rather than trusting a length recorded for another string.
-    rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, values, table);
+    // A caller's own malloc'd string is measured, not given a length recorded for another.
+    Data(values, table);
     rtdc_data_buffers[n_rtdc_data_buffers++] = strdup("7=a longer line than before\n");
     std::vector<char> out(8192 + 200);
-    ASSERT_EQ(
-        rtdc_packetize_data(nullptr, 0, rtdc_data_buffers, n_rtdc_data_buffers, out.data(), 200),
-        1);
-    EXPECT_NE(
-        std::string(out.data()).find("<DATA>\n1=49\n1=2\n7=a longer line than before\n</DATA>"),
-        std::string::npos)
+    ASSERT_EQ(rtdc_packetize_data(nullptr, 0, rtdc_data_buffers, 2, out.data(), 200), 1);
+    EXPECT_NE(std::string(out.data()).find("<DATA>\n1=49\n1=2\n7=a longer line than before\n"),
+              std::string::npos)
         << out.data();
+    TearDown();
+    n_rtdc_data_buffers = kMaxLines;  // full: the line is dropped, nothing written past
+    EXPECT_EQ(Data(values, table), 0);
+    EXPECT_EQ(n_rtdc_data_buffers, kMaxLines);
+    n_rtdc_data_buffers = 0;
 }
 
 TEST(CounterIds, ExhaustionReturnsMinusOneWithoutAdvancing) {
@@ -345,10 +193,7 @@ TEST(CounterIds, ExhaustionReturnsMinusOneWithoutAdvancing) {
     EXPECT_EQ(Offset, 65535);
     CounterDef table[3] = {Row("a", 1, 0, 1), Row("b", 1, 0, 1), {}};
     rtdc_FillIds(table);
-    EXPECT_EQ(table[0].id, -1);
-    EXPECT_EQ(table[1].id, -1);
-    Offset = 0;
-    EXPECT_EQ(rtdc_genids(), 1);
+    EXPECT_EQ(std::make_pair(table[0].id, table[1].id), std::make_pair(-1, -1));
     Offset = 0;
 }
 

@@ -1,243 +1,198 @@
-// Memory, paging, disk and protocol readers on captured and hand-made /proc trees.
+// The platform readers on captured and hand-made trees: processors, memory, paging, disks,
+// protocols and mounts; the host's platform name; the time-bounded space query.
 #include <gtest/gtest.h>
+#include <sys/statvfs.h>
+#include <sys/utsname.h>
 
-#include <cerrno>
-#include <cmath>
+#include <atomic>
+#include <chrono>
+#include <cstring>
 #include <fstream>
+#include <future>
+#include <iterator>
+#include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "platform/clock.h"
+#include "platform/config.h"
+#include "platform/cpu.h"
+#include "platform/fs.h"
 #include "platform/source.h"
 #include "support/fixture_roots.h"
 
 using namespace platform;
-using vorntest::RootsTest;
+using namespace std::chrono_literals;
 using vorntest::TempTree;
 using vorntest::use_fixture;
 
 namespace {
 
-std::vector<std::string> names(const std::vector<DiskDevice>& disks) {
-    std::vector<std::string> out;
-    for (const DiskDevice& d : disks) out.emplace_back(d.name);
+std::string Field(const char* name, uint64_t value) {
+    return std::string(" ") + name + "=" + std::to_string(value);
+}
+#define F(record, field) Field(#field, static_cast<uint64_t>((record).field))
+
+// The readers' view of the current tree, "no ..." where one fails. The sample is kept from
+// read to read and the lists start with a stale entry: a read must replace what was there.
+std::string ReadAll(bool clocks) {
+    std::string out;
+    static CpuSample s;
+    auto ticks = [](const CpuTicks& t) {
+        return F(t, user) + F(t, kernel) + F(t, idle) + F(t, wait);
+    };
+    utsname u{};  // without DMI data, as in many virtual machines, the machine's type
+    const std::string name =
+        uname(&u) == 0 && platform_name() == u.machine ? "(machine)" : platform_name();
+    out += "platform " + name + "\n";
+    if (read_cpu(s, clocks) == ReadStatus::ok) {
+        out += "cpu" + ticks(s.total) + "\n";
+        for (const auto& p : s.processors)
+            out += "processor" + F(p, cpu) + ticks(p.ticks) + F(p, clock_mhz) + "\n";
+    } else {
+        out += "no cpu\n";
+    }
+    MemoryInfo m;
+    out += read_memory(m) ? "memory" + F(m, total_kb) + F(m, free_kb) + "\n" : "no memory\n";
+    PagingCounters p{9, 9, 9, 9};  // a field the file lacks comes back 0
+    out += read_paging(p) ? "paging" + F(p, faults) + F(p, major_faults) + F(p, pages_in) +
+                                F(p, pages_out) + "\n"
+                          : "no paging\n";
+    std::vector<DiskDevice> disks(1, DiskDevice{"stale", {}});
+    if (!read_disks(disks)) out += "no disks\n";
+    for (const DiskDevice& d : disks)
+        out += "disk " + std::string(d.name) + F(d.io, reads) + F(d.io, writes) + F(d.io, nread) +
+               F(d.io, nwritten) + F(d.io, rcnt) + F(d.io, rtime) + F(d.io, rlentime) + "\n";
+    NetProtoCounters n;
+    n.tcp_in_order = 9;  // a field the files lack comes back 0
+    out += read_net(n)
+               ? "tcp" + F(n, tcp_out_segs) + F(n, tcp_in_segs) + F(n, tcp_retrans_segs) +
+                     F(n, tcp_active_opens) + F(n, tcp_passive_opens) + F(n, tcp_attempt_fails) +
+                     F(n, tcp_estab_resets) + F(n, tcp_curr_estab) + F(n, tcp_in_order) +
+                     F(n, tcp_out_of_order) + F(n, tcp_dup_received) + F(n, tcp_acks_received) +
+                     "\nip" + F(n, ip_out_requests) + F(n, ip_in_receives) + F(n, ip_out_discards) +
+                     F(n, ip_in_delivers) + F(n, ip_in_discards) + F(n, ip_in_unknown_protos) +
+                     F(n, ip_forw_datagrams) + F(n, ip_in_addr_errors) + F(n, ip_in_hdr_errors) +
+                     F(n, ip_in_octets) + F(n, ip_out_octets) + "\nudp" + F(n, udp_out_datagrams) +
+                     F(n, udp_in_datagrams) + "\n"
+               : "no net\n";
+    std::vector<MountEntry> mounts(1, MountEntry{"stale", "stale", "stale"});
+    if (!read_mounts(mounts)) out += "no mounts\n";
+    for (const MountEntry& e : mounts)
+        out += "mount " + e.dir + " " + e.type + " " + e.source + "\n";
     return out;
 }
 
-const DiskDevice* find_disk(const std::vector<DiskDevice>& disks, const std::string& name) {
-    for (const DiskDevice& d : disks)
-        if (name == d.name) return &d;
-    return nullptr;
+class Readers : public vorntest::RootsTest {};
+
+// Each tree's readings are kept beside it in readers.txt. cpu-smp-*: a DMI product name with
+// a trailing blank. cpu-*: user includes nice, kernel
+// is system + irq + softirq + steal, clocks come from cpufreq, else cpuinfo; cpu2 of cpu-smp-1
+// is off line; cpu-long-stat has no host-wide line. captured-*: real hosts (free memory is
+// MemAvailable, idle loop devices are left out, "\040" in a mount point is a blank).
+// short-files: an old kernel's short, cut and malformed lines. net-reordered: protocol
+// columns added in front and moved, a UdpLite table with Udp's names, octets past 2^63.
+TEST_F(Readers, TreesReadAsRecorded) {
+    for (std::string tree :
+         {"cpu-smp-1", "cpu-smp-2", "cpu-long-stat", "cpu-captured", "captured-1", "captured-2",
+          "short-files", "net-reordered", "mounts-1"}) {
+        use_fixture(tree);
+        std::ifstream in(std::string(VORN_SOURCE_DIR) + "/tests/fixtures/linux/" + tree +
+                         "/readers.txt");
+        ASSERT_TRUE(in) << tree;
+        const std::string expected(std::istreambuf_iterator<char>(in), {});
+        EXPECT_EQ(ReadAll(true), expected) << tree;
+        EXPECT_EQ(ReadAll(false),  // clocks are looked up only when asked for
+                  std::regex_replace(expected, std::regex("clock_mhz=\\d+"), "clock_mhz=0"))
+            << tree;
+    }
 }
 
-}  // namespace
-
-class MemoryReader : public RootsTest {};
-
-TEST_F(MemoryReader, CapturedHostUsesAvailableMemory) {
-    use_fixture("captured-1");
-    MemoryInfo mem;
-    ASSERT_TRUE(read_memory(mem));
-    EXPECT_EQ(mem.total_kb, 24683656u);
-    EXPECT_EQ(mem.free_kb, 24284140u);  // MemAvailable, not MemFree (24175960)
-
-    PagingCounters paging;
-    ASSERT_TRUE(read_paging(paging));
-    EXPECT_EQ(paging.faults, 3155871u);
-    EXPECT_EQ(paging.major_faults, 1434u);
-    EXPECT_EQ(paging.pages_in, 0u);
-    EXPECT_EQ(paging.pages_out, 0u);
-}
-
-TEST_F(MemoryReader, OldKernelWithoutAvailableFallsBackToFreePlusCaches) {
-    use_fixture("short-files");
-    MemoryInfo mem;
-    ASSERT_TRUE(read_memory(mem));
-    EXPECT_EQ(mem.total_kb, 2048000u);
-    EXPECT_EQ(mem.free_kb, 100000u + 20000u + 300000u);
-
-    PagingCounters paging;  // a vmstat without swap lines leaves them 0
-    paging.pages_in = 99;
-    ASSERT_TRUE(read_paging(paging));
-    EXPECT_EQ(paging.faults, 400000u);
-    EXPECT_EQ(paging.pages_in, 0u);
-}
-
-TEST_F(MemoryReader, MissingOrTotallessFileFails) {
-    use_fixture("mounts-1");  // a tree without meminfo or vmstat
-    MemoryInfo mem;
-    errno = 0;
-    EXPECT_FALSE(read_memory(mem));
-    EXPECT_EQ(errno, ENOENT);
-    PagingCounters paging;
-    EXPECT_FALSE(read_paging(paging));
-
+TEST_F(Readers, MissingOrIncompleteFilesAreReported) {
     TempTree tree;
-    tree.write("proc/meminfo", "MemFree: 10 kB\n");
     set_roots(tree.roots());
-    EXPECT_FALSE(read_memory(mem));
+    CpuSample s;
+    std::string error;
+    EXPECT_EQ(read_cpu(s, false, &error), ReadStatus::open_failed);
+    EXPECT_NE(error.find("/proc/stat"), std::string::npos);
+    tree.write("proc/stat", "intr 1 2 3\nctxt 4\n");
+    EXPECT_EQ(read_cpu(s, false, &error), ReadStatus::read_failed);
+    tree.write("proc/meminfo", "MemFree: 10 kB\n");  // no total
+    MemoryInfo m;
+    EXPECT_FALSE(read_memory(m));
 }
 
-class DiskReader : public RootsTest {};
-
-TEST_F(DiskReader, CapturedHostSkipsIdleLoopDevicesAndMapsFields) {
-    use_fixture("captured-1");
-    std::vector<DiskDevice> disks;
-    ASSERT_TRUE(read_disks(disks));
-    // loop0-7 never did I/O; zram0 is neither ram nor loop and stays although idle.
-    EXPECT_EQ(names(disks), (std::vector<std::string>{"vda", "zram0"}));
-    const DiskIo& vda = disks[0].io;
-    EXPECT_EQ(vda.reads, 54140u);
-    EXPECT_EQ(vda.writes, 5281u);
-    EXPECT_EQ(vda.nread, 3340178ull * 512);
-    EXPECT_EQ(vda.nwritten, 1345736ull * 512);
-    EXPECT_EQ(vda.rcnt, 0u);
-    EXPECT_EQ(vda.wcnt, 0u);
-    EXPECT_EQ(vda.rtime, 5704u);
-    EXPECT_EQ(vda.rlentime, 17775u);
-}
-
-TEST_F(DiskReader, OldFormatsCutLinesAndUsedLoopDevices) {
-    use_fixture("short-files");
-    std::vector<DiskDevice> disks;
-    ASSERT_TRUE(read_disks(disks));
-    // sdb is cut after three fields and sdc holds a non-number: both dropped, not misread.
-    EXPECT_EQ(names(disks), (std::vector<std::string>{"sda", "sda1", "loop0"}));
-    const DiskDevice* sda = find_disk(disks, "sda");
-    ASSERT_TRUE(sda);
-    EXPECT_EQ(sda->io.rcnt, 2u);
-    EXPECT_EQ(sda->io.rtime, 700u);
-    EXPECT_EQ(sda->io.rlentime, 900u);
-    const DiskDevice* part = find_disk(disks, "sda1");  // old four-field partition line
-    ASSERT_TRUE(part);
-    EXPECT_EQ(part->io.reads, 900u);
-    EXPECT_EQ(part->io.nread, 12000ull * 512);
-    EXPECT_EQ(part->io.writes, 150u);
-    EXPECT_EQ(part->io.nwritten, 2400ull * 512);
-}
-
-TEST_F(DiskReader, LongNamesAreCutAndLargeFilesReadWhole) {
+TEST_F(Readers, DiskFileGrowsAndShrinksInPlace) {
     TempTree tree;
     std::string text;
     // Well past the reader's first buffer, so it has to grow and read again.
     for (int i = 0; i < 3000; ++i)
-        text += "   8 " + std::to_string(i) + " sd" + std::to_string(i) +
-                " 1 0 8 0 1 0 8 0 0 1 1 0 0 0 0 0 0\n";
-    text += " 259 0 " + std::string(60, 'n') + " 5 0 40 0 0 0 0 0 0 0 0\n";
-    tree.write("proc/diskstats", text);
+        text += " 8 " + std::to_string(i) + " sd" + std::to_string(i) + " 1 0 8 0 1 0 8 0 0 1 1\n";
+    tree.write("proc/diskstats",
+               text + " 259 0 " + std::string(60, 'n') + " 5 0 40 0 0 0 0 0 0 0 0\n");
     set_roots(tree.roots());
     std::vector<DiskDevice> disks;
     ASSERT_TRUE(read_disks(disks));
     ASSERT_EQ(disks.size(), 3001u);
     EXPECT_STREQ(disks[2999].name, "sd2999");
-    EXPECT_EQ(std::string(disks[3000].name), std::string(31, 'n'));
-}
-
-TEST_F(DiskReader, RereadsTheSameFileAndFollowsRootChanges) {
-    TempTree tree;
-    tree.write("proc/diskstats",
-               " 8 0 sda 1 0 8 0 1 0 8 0 0 1 1\n 8 16 sdb 1 0 8 0 1 0 8 0 0 1 1\n");
-    set_roots(tree.roots());
-    std::vector<DiskDevice> disks;
-    ASSERT_TRUE(read_disks(disks));
-    ASSERT_EQ(disks.size(), 2u);
+    EXPECT_EQ(std::string(disks[3000].name), std::string(31, 'n'));  // cut to its field
     // Rewritten shorter in place: the old tail must not survive in the kept buffer.
     tree.write("proc/diskstats", " 8 0 sda 7 0 8 0 1 0 8 0 0 1 1\n");
     ASSERT_TRUE(read_disks(disks));
     ASSERT_EQ(disks.size(), 1u);
     EXPECT_EQ(disks[0].io.reads, 7u);
-
-    use_fixture("new-disk");
-    ASSERT_TRUE(read_disks(disks));
-    EXPECT_EQ(disks.size(), 5u);
-
-    use_fixture("mounts-1");  // no diskstats there
-    errno = 0;
-    EXPECT_FALSE(read_disks(disks));
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_TRUE(disks.empty());
 }
 
-class NetReader : public RootsTest {};
-
-TEST_F(NetReader, CapturedHostBothTables) {
-    use_fixture("captured-2");
-    NetProtoCounters net;
-    ASSERT_TRUE(read_net(net));
-    EXPECT_EQ(net.tcp_active_opens, 33u);
-    EXPECT_EQ(net.tcp_attempt_fails, 20u);
-    EXPECT_EQ(net.tcp_in_segs, 925u);
-    EXPECT_EQ(net.ip_out_requests, 587u);
-    EXPECT_EQ(net.udp_out_datagrams, 27u);
-    EXPECT_EQ(net.ip_out_octets, 39302u);        // from the extension table
-    EXPECT_EQ(net.tcp_acks_received, 17u + 7u);  // pure + fast-path ACKs
+TEST(FsUsageQuery, RealRootAgreesWithStatvfs) {
+    FsUsage usage;
+    struct statvfs vfs {};
+    ASSERT_EQ(query_fs_usage("/", usage, 5000), FsAnswer::ok);
+    ASSERT_EQ(statvfs("/", &vfs), 0);
+    EXPECT_EQ(usage.blocks, vfs.f_blocks);
+    EXPECT_EQ(usage.fragment_size, vfs.f_frsize);
+    EXPECT_NEAR(usage.bavail, vfs.f_bavail, vfs.f_blocks * 0.01 + 16);  // others write meanwhile
+    int error = 0;
+    EXPECT_EQ(query_fs_usage("/nonexistent/vorn/mount", usage, 5000, &error), FsAnswer::failed);
+    EXPECT_EQ(error, ENOENT);
 }
 
-TEST_F(NetReader, ColumnsFoundByNameWhateverTheirOrder) {
-    TempTree tree;
-    // A kernel that adds columns in front and reorders the rest; UdpLite shares Udp's names.
-    tree.write("proc/net/snmp",
-               "Ip: NewThing OutRequests InReceives Forwarding\n"
-               "Ip: 77 11 22 1\n"
-               "Tcp: MaxConn CurrEstab ActiveOpens\n"
-               "Tcp: -1 5 9\n"
-               "UdpLite: InDatagrams OutDatagrams\n"
-               "UdpLite: 1000 2000\n"
-               "Udp: OutDatagrams InDatagrams\n"
-               "Udp: 3 4\n");
-    tree.write("proc/net/netstat",
-               "TcpExt: TCPDSACKOfoSent TCPHPAcks TCPDSACKOldSent TCPPureAcks TCPOFOQueue\n"
-               "TcpExt: 1 10 2 20 6\n"
-               "IpExt: OutOctets InOctets\n"
-               "IpExt: 18446744073709551615 5\n");
-    set_roots(tree.roots());
-    NetProtoCounters net;
-    ASSERT_TRUE(read_net(net));
-    EXPECT_EQ(net.ip_out_requests, 11u);
-    EXPECT_EQ(net.ip_in_receives, 22u);
-    EXPECT_EQ(net.tcp_curr_estab, 5u);
-    EXPECT_EQ(net.tcp_active_opens, 9u);
-    EXPECT_EQ(net.udp_out_datagrams, 3u);
-    EXPECT_EQ(net.udp_in_datagrams, 4u);
-    EXPECT_EQ(net.tcp_dup_received, 3u);    // DSACK old + out-of-order
-    EXPECT_EQ(net.tcp_acks_received, 30u);  // pure + fast-path ACKs
-    EXPECT_EQ(net.tcp_out_of_order, 6u);
-    EXPECT_EQ(net.ip_out_octets, UINT64_MAX);  // full unsigned range
-    EXPECT_EQ(net.ip_in_octets, 5u);
+// A file system that hangs on "/hung" until the test lets it go.
+std::shared_future<void> released;
+std::atomic<int> hung_calls{0};
+
+int fake_query(const char* dir, FsUsage* out) {
+    if (std::strcmp(dir, "/hung") == 0) ++hung_calls, released.wait();
+    *out = FsUsage{};
+    out->blocks = 100;
+    return 0;
 }
 
-TEST_F(NetReader, ShortValuesLineAndMissingExtensionTable) {
-    use_fixture("short-files");
-    NetProtoCounters net;
-    net.tcp_in_order = 42;  // must be reset, not kept from before
-    ASSERT_TRUE(read_net(net));
-    EXPECT_EQ(net.ip_in_receives, 1000u);
-    EXPECT_EQ(net.ip_in_hdr_errors, 1u);
-    EXPECT_EQ(net.ip_in_addr_errors, 2u);
-    EXPECT_EQ(net.ip_forw_datagrams, 3u);
-    EXPECT_EQ(net.ip_in_unknown_protos, 4u);
-    EXPECT_EQ(net.ip_in_discards, 5u);
-    EXPECT_EQ(net.ip_out_discards, 6u);
-    EXPECT_EQ(net.tcp_active_opens, 40u);
-    EXPECT_EQ(net.tcp_curr_estab, 3u);
-    EXPECT_EQ(net.tcp_in_segs, 0u);  // past the cut
-    EXPECT_EQ(net.tcp_in_order, 0u);
-    EXPECT_EQ(net.udp_out_datagrams, 60u);
-
-    use_fixture("mounts-1");
-    EXPECT_FALSE(read_net(net));
+TEST(FsUsageQuery, HungMountIsSkippedUntilItAnswers) {
+    std::promise<void> release;
+    released = release.get_future().share();
+    hung_calls = 0;
+    set_fs_usage_for_tests(fake_query);
+    FsUsage usage;
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(query_fs_usage("/hung", usage, 100), FsAnswer::timed_out);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+    // Asked again while the first query still hangs: answered at once, no second query.
+    start = std::chrono::steady_clock::now();
+    EXPECT_EQ(query_fs_usage("/hung", usage, 5000), FsAnswer::stuck);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+    EXPECT_EQ(hung_calls.load(), 1);
+    // The other mounts are not held up behind it.
+    ASSERT_EQ(query_fs_usage("/fine", usage, 5000), FsAnswer::ok);
+    EXPECT_EQ(usage.blocks, 100u);
+    release.set_value();
+    FsAnswer answer = FsAnswer::stuck;
+    for (int i = 0; i < 500 && answer == FsAnswer::stuck; ++i) {
+        answer = query_fs_usage("/hung", usage, 5000);
+        if (answer == FsAnswer::stuck) std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_EQ(answer, FsAnswer::ok);
+    EXPECT_EQ(hung_calls.load(), 2);
+    set_fs_usage_for_tests(nullptr);
 }
 
-TEST(Clock, BootClockIsMonotonicAndMatchesUptime) {
-    double first = seconds_since_boot();
-    double uptime = 0;
-    std::ifstream("/proc/uptime") >> uptime;
-    double second = seconds_since_boot();
-    EXPECT_LE(first, second);
-    EXPECT_NEAR(first, uptime, 2.0);
-
-    set_clock_for_tests([] { return 1234.5; });
-    EXPECT_EQ(seconds_since_boot(), 1234.5);
-    set_clock_for_tests(nullptr);
-    EXPECT_GE(seconds_since_boot(), second);
-}
+}  // namespace
