@@ -77,17 +77,24 @@ void Socket::close() {
     fd_ = -1;
 }
 
-bool connect_to(const Endpoint& ep, int timeout_ms, Socket& out, std::string& err) {
+addrinfo* resolve(const Endpoint& ep, bool passive, std::string& err) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
+    if (passive) hints.ai_flags = AI_PASSIVE;
     addrinfo* res = nullptr;
     std::string port = std::to_string(ep.port);
     int rc = getaddrinfo(ep.host.c_str(), port.c_str(), &hints, &res);
     if (rc != 0) {
         err = "cannot resolve " + ep.host + ": " + gai_strerror(rc);
-        return false;
+        return nullptr;
     }
+    return res;
+}
+
+bool connect_to(const Endpoint& ep, int timeout_ms, Socket& out, std::string& err) {
+    addrinfo* res = resolve(ep, false, err);
+    if (!res) return false;
     Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     std::string last = "no address";
     for (addrinfo* ai = res; ai; ai = ai->ai_next) {

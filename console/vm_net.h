@@ -2,6 +2,8 @@
 // agent that stopped answering.
 #pragma once
 
+#include <netdb.h>
+
 #include <chrono>
 #include <functional>
 #include <string>
@@ -44,6 +46,9 @@ class Socket {
     int fd_ = -1;
 };
 
+/// The addresses of an endpoint (`passive` for listening on it); null with the message on
+/// failure. Release with freeaddrinfo.
+::addrinfo* resolve(const Endpoint& ep, bool passive, std::string& err);
 /// Connects within `timeout_ms`; the message names the endpoint and the reason.
 bool connect_to(const Endpoint& ep, int timeout_ms, Socket& out, std::string& err);
 /// Writes everything within `timeout_ms`.

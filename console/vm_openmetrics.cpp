@@ -217,17 +217,8 @@ std::string openmetrics_text(const Sample* sample, bool up) {
 }
 
 bool ScrapeServer::listen(const Endpoint& ep, std::string& err) {
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_PASSIVE;
-    addrinfo* res = nullptr;
-    std::string port = std::to_string(ep.port);
-    int rc = getaddrinfo(ep.host.c_str(), port.c_str(), &hints, &res);
-    if (rc != 0) {
-        err = "cannot resolve " + ep.host + ": " + gai_strerror(rc);
-        return false;
-    }
+    addrinfo* res = resolve(ep, true, err);
+    if (!res) return false;
     std::string last = "no address";
     for (addrinfo* ai = res; ai; ai = ai->ai_next) {
         Socket s(socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
