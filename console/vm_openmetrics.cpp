@@ -183,8 +183,10 @@ std::string openmetrics_text(const Sample* sample, bool up) {
             if (fresh) {
                 order.push_back(e.family);
                 f.unit = e.unit;
-                f.help = m.description;
             }
+            // A row the console saw no header line for has no description; a later row of
+            // the same family may have one.
+            if (f.help.empty()) f.help = m.description;
             std::string line = e.family + (labels.empty() ? "" : "{" + labels + "}") + " " +
                                om_number(r.number * e.scale);
             // The first scan of a data connection can carry a series twice (the lines of the
@@ -209,7 +211,8 @@ std::string openmetrics_text(const Sample* sample, bool up) {
         const Family& f = families[name];
         out += "# TYPE " + name + " gauge\n";
         if (!f.unit.empty()) out += "# UNIT " + name + " " + f.unit + "\n";
-        out += "# HELP " + name + " " + escape_help(f.help) + "\n";
+        // An empty help text is refused by scrapers: fall back to the family's name.
+        out += "# HELP " + name + " " + escape_help(f.help.empty() ? name : f.help) + "\n";
         for (const std::string& s : f.samples) out += s + "\n";
     }
     out += "# EOF\n";
