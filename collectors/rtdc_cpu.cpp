@@ -2,6 +2,8 @@
 // per-processor class.
 #include "collectors/rtdc_cpu.h"
 
+#include "collectors/rtdc_rate.h"
+
 #include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_tree.h"
@@ -40,9 +42,9 @@ Percentages percentages(uint64_t idle, uint64_t user, uint64_t kernel, uint64_t 
 
 platform::CpuTicks rtdc_tick_deltas(const platform::CpuTicks& now,
                                     const platform::CpuTicks& before) {
-    auto sub = [](uint64_t a, uint64_t b) { return a >= b ? a - b : 0; };
-    return {sub(now.idle, before.idle), sub(now.user, before.user), sub(now.kernel, before.kernel),
-            sub(now.wait, before.wait)};
+    return {rtdc_counter_delta(now.idle, before.idle), rtdc_counter_delta(now.user, before.user),
+            rtdc_counter_delta(now.kernel, before.kernel),
+            rtdc_counter_delta(now.wait, before.wait)};
 }
 
 int PerfCpu(const uint64_t* deltas, CpuRecord* record) {

@@ -14,22 +14,17 @@
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_tree.h"
 #include "collectors/rtdc_complain.h"
+#include "collectors/rtdc_rate.h"
 #include "control/rta_cmdline.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_snapshot.h"
 
 namespace {
 
-// A cumulative counter that went backwards (it cannot for a live process, but a wrapped or
-// re-created counter must not turn into a huge rate) counts as no change.
-uint64_t delta(uint64_t now, uint64_t before) {
-    return now >= before ? now - before : 0;
-}
-
-int64_t per_second(uint64_t change, double seconds) {
-    return seconds > 0 ? static_cast<int64_t>(std::llround(static_cast<double>(change) / seconds))
-                       : 0;
-}
+// A live process's counters do not go backwards, but a wrapped or re-created one must not
+// turn into a huge rate: the shared counter policy gives 0 for it.
+constexpr auto delta = rtdc_counter_delta;
+constexpr auto per_second = rtdc_per_second_ll;
 
 double percent(uint64_t ticks, double capacity_ticks) {
     if (capacity_ticks <= 0) return 0.0;

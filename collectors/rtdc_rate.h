@@ -1,5 +1,5 @@
-// The counter policy of the rate classes (memory and paging, network): how a cumulative
-// kernel counter becomes a figure per second.
+// The counter policy of every class: how a cumulative kernel counter becomes a difference
+// and a figure per second.
 #pragma once
 
 #include <cmath>
