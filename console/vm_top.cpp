@@ -14,6 +14,22 @@
 namespace vornmon {
 namespace {
 
+// The keys that change the process order (either case).
+bool sort_key_for(int ch, SortKey* key) {
+    static constexpr struct {
+        char letter;
+        SortKey key;
+    } kKeys[] = {{'c', SortKey::kCpu}, {'m', SortKey::kMemory}, {'p', SortKey::kPid},
+                 {'n', SortKey::kName}, {'i', SortKey::kIo}};
+    for (const auto& k : kKeys)
+        if (ch == k.letter || ch == k.letter - 'a' + 'A') {
+            *key = k.key;
+            return true;
+        }
+    return false;
+}
+
+
 std::atomic<int> g_stop{0};
 
 void on_stop_signal(int) {
@@ -143,35 +159,15 @@ int run_top_screen(const Context& ctx, const TopOptions& o) {
             bool redraw = false;
             for (int ch; (ch = getch()) != ERR;) {
                 redraw = true;
+                if (SortKey key; sort_key_for(ch, &key)) {
+                    sort = key;
+                    scroll = 0;
+                    continue;
+                }
                 switch (ch) {
                     case 'q':
                     case 'Q':
                         g_stop.store(1);
-                        break;
-                    case 'c':
-                    case 'C':
-                        sort = SortKey::kCpu;
-                        scroll = 0;
-                        break;
-                    case 'm':
-                    case 'M':
-                        sort = SortKey::kMemory;
-                        scroll = 0;
-                        break;
-                    case 'p':
-                    case 'P':
-                        sort = SortKey::kPid;
-                        scroll = 0;
-                        break;
-                    case 'n':
-                    case 'N':
-                        sort = SortKey::kName;
-                        scroll = 0;
-                        break;
-                    case 'i':
-                    case 'I':
-                        sort = SortKey::kIo;
-                        scroll = 0;
                         break;
                     case 'r':
                     case 'R':
