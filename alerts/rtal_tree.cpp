@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "agent/rtdc_globals.h"
@@ -92,13 +94,42 @@ treeNode* find_in_subtree(treeNode* first, const char* path) {
     return nullptr;
 }
 
-bool has_instance_named(List* instances, const char* name) {
-    if (!instances) return false;
-    for (ListItem* it = instances->first; it; it = it->next) {
-        const auto* inst = static_cast<const MetricInstance*>(it->data);
-        if (inst && strcmp(inst->name, name) == 0) return true;
+// A new child of `parent` named `name` (as description and text), with no instances; null
+// when memory runs out.
+treeNode* new_named_node(const char* name, treeNode* parent) {
+    auto* md = static_cast<MetricDescription*>(calloc(1, sizeof(MetricDescription)));
+    if (!md) return nullptr;
+    copy_field(md->description, name);
+    copy_field(md->text, name);
+    treeNode* fresh = nullptr;
+    CreateNode(md, &fresh);
+    if (!fresh) {
+        free(md);
+        return nullptr;
     }
-    return false;
+    AddChild(fresh, parent);
+    return fresh;
+}
+
+// The process-name nodes by path ("Process->name"), each with the pids its leaves carry.
+// Registering a process would otherwise search every process name and then every instance
+// of its name, which on a host with thousands of processes of one name is quadratic. Only
+// touched under tree_mutex; an entry goes when its node is freed.
+struct ProcessNode {
+    treeNode* node;
+    std::unordered_set<int> pids;
+};
+
+std::unordered_map<std::string, ProcessNode>& process_nodes() {
+    static auto* index = new std::unordered_map<std::string, ProcessNode>;
+    return *index;
+}
+
+void forget_if_process_node(const treeNode* node) {
+    auto& index = process_nodes();
+    if (index.empty() || !node->data) return;
+    auto it = index.find(node->data->description);
+    if (it != index.end() && it->second.node == node) index.erase(it);
 }
 
 }  // namespace
@@ -189,19 +220,8 @@ int AddMetricNode(const char* name, treeNode* parent, treeNode** node) {
         *node = existing;
         return 1;
     }
-    auto* md = static_cast<MetricDescription*>(calloc(1, sizeof(MetricDescription)));
-    if (!md) return 0;
-    copy_field(md->description, name);
-    copy_field(md->text, name);
-    treeNode* fresh = nullptr;
-    CreateNode(md, &fresh);
-    if (!fresh) {
-        free(md);
-        return 0;
-    }
-    AddChild(fresh, parent);
-    *node = fresh;
-    return 1;
+    *node = new_named_node(name, parent);
+    return *node ? 1 : 0;
 }
 
 int AddMetricCounterNode(const CounterDef* counter, treeNode* parent, void* base, int byInstance,
@@ -287,9 +307,13 @@ int AddProcessCounter(const char* processName, const CounterDef* counters, void*
 
     char path[128];
     join_path(path, classNode->data->description, processName ? processName : "");
-    treeNode* processNode = SearchInChilds(path, classNode->child);
-    if (!processNode) {
-        if (!AddMetricNode(path, classNode, &processNode)) return 2;
+    auto& index = process_nodes();
+    auto known = index.find(path);
+    if (known == index.end()) {
+        // Process nodes are made only here, so a name the index lacks has no node yet.
+        treeNode* processNode = new_named_node(path, classNode);
+        if (!processNode) return 2;
+        index[path] = ProcessNode{processNode, {pid}};
         for (const CounterDef* row = counters; row && row->id != 0; ++row) {
             if (row->is_counter != 1) continue;
             int rc = AddMetricCounterNode(row, processNode, base, 1, pid);
@@ -299,7 +323,10 @@ int AddProcessCounter(const char* processName, const CounterDef* counters, void*
     }
 
     // Another process of the same name: its values join the existing leaves as one more
-    // instance, so a rule on the name watches the sum over all of them.
+    // instance, so a rule on the name watches the sum over all of them. A pid the node
+    // already carries adds nothing.
+    if (!known->second.pids.insert(pid).second) return 1;
+    treeNode* processNode = known->second.node;
     char pid_text[32];
     snprintf(pid_text, sizeof pid_text, "%d", pid);
     for (const CounterDef* row = counters; row && row->id != 0; ++row) {
@@ -308,7 +335,6 @@ int AddProcessCounter(const char* processName, const CounterDef* counters, void*
         join_path(leaf_path, processNode->data->description, row->name);
         treeNode* leaf = find_in_subtree(processNode->child, leaf_path);
         if (!leaf) return 1;
-        if (has_instance_named(leaf->data->instances, pid_text)) return 1;
         MetricInstance* inst = new_instance(base, pid_text);
         if (!inst) continue;
         if (!leaf->data->instances && !CreateList(&leaf->data->instances)) {
@@ -320,12 +346,22 @@ int AddProcessCounter(const char* processName, const CounterDef* counters, void*
     return 1;
 }
 
+treeNode* FindProcessNode(const char* processName) {
+    char path[128];
+    join_path(path, "Process", processName ? processName : "");
+    std::lock_guard<std::mutex> lock(tree_mutex);
+    auto& index = process_nodes();
+    auto it = index.find(path);
+    return it == index.end() ? nullptr : it->second.node;
+}
+
 int RemoveTree(treeNode* node) {
     // Siblings are walked in a loop rather than by recursion: the process class can hold
     // thousands of them and request threads run on small stacks.
     while (node) {
         treeNode* next = node->next;
         RemoveTree(node->child);
+        forget_if_process_node(node);
         free_description(node->data);
         if (node == Metric_Tree) Metric_Tree = nullptr;
         free(node);

@@ -45,6 +45,8 @@ int AddMetricCounterNode(const CounterDef* counter, treeNode* parent, void* base
 int AddCounter(const char* className, const CounterDef* counters, void* base, treeNode* parent);
 int AddProcessCounter(const char* processName, const CounterDef* counters, void* base,
                       treeNode* root, int pid);
+/// The node "Process-><name>" that AddProcessCounter made, or null; takes `tree_mutex`.
+treeNode* FindProcessNode(const char* processName);
 int RemoveNode(treeNode* node);
 int RemoveTree(treeNode* node);
 using TreeVisit = void (*)(treeNode* leaf, void* arg, void* arg2);

@@ -24,19 +24,6 @@ struct ProcSlot {
 };
 static_assert(offsetof(ProcSlot, item) == 0, "list data must be the start of the block");
 
-// The node "Process-><name>" below the "Process" class node. Looked up level by level with
-// exact comparison: the path search splits at every '-' and '>', and process names often
-// hold them ("systemd-journal", "kworker/0:1-events").
-treeNode* find_process_node(const char* name) {
-    std::lock_guard<std::mutex> lock(tree_mutex);
-    if (!Metric_Tree) return nullptr;
-    treeNode* klass = SearchInChilds("Process", Metric_Tree->child);
-    if (!klass) return nullptr;
-    char path[128];
-    snprintf(path, sizeof path, "Process->%s", name);
-    return SearchInChilds(path, klass->child);
-}
-
 // Removes the instance of `pid` from a counter leaf. The instance is plain malloc'd data
 // that the list does not free on removal.
 void remove_pid_instance(MetricDescription* md, int pid) {
@@ -177,7 +164,7 @@ void RemoveProcessFromTree(const char* name, int pid, int) {
         rtdc_logf("NULL name passed to remove process node: pid = %d\n", pid);
         return;
     }
-    treeNode* node = find_process_node(name);
+    treeNode* node = FindProcessNode(name);
     if (!node) return;
     if (!node->child) {
         RemoveNode(node);

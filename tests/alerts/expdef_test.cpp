@@ -134,5 +134,30 @@ TEST_F(ExpdefTest, CounterNamesSplitIntoLevelsAndRegisteringAgainReusesThem) {
     EXPECT_EQ(CountOf(Order(Find("Net")), "Net->Sent "), 2);
 }
 
+// Processes of one name share one node and each pid is an instance once, however many
+// there are; a name whose node was removed (its process ended) starts afresh, the same pid
+// included; names that look like paths are whole names.
+TEST_F(ExpdefTest, ProcessesOfOneNameShareANodeAndEachPidCountsOnce) {
+    std::vector<CounterDef> rows = {Row("CPU->User", "", 4, 0), Row("Size", "", 4, 0),
+                                    CounterDef{}};
+    double value = 1;
+    for (int round = 0; round < 2; ++round)
+        for (int pid = 1; pid <= 3000; ++pid)
+            ASSERT_EQ(AddProcessCounter("worker", rows.data(), &value, Metric_Tree, pid), 1);
+    for (const char* leaf : {"Process->worker->CPU->User", "Process->worker->Size"})
+        EXPECT_EQ(GetListCount(Find(leaf)->data->instances), 3000) << leaf;
+    EXPECT_EQ(Order(Find("Process")), "Process->worker ");
+
+    ASSERT_EQ(AddProcessCounter("a->b", rows.data(), &value, Metric_Tree, 7), 1);
+    EXPECT_EQ(FindProcessNode("a->b")->child->data->description, std::string("Process->a->b->Size"));
+    EXPECT_EQ(FindProcessNode("a"), nullptr);
+
+    RemoveNode(FindProcessNode("worker"));
+    EXPECT_EQ(FindProcessNode("worker"), nullptr);
+    ASSERT_EQ(AddProcessCounter("worker", rows.data(), &value, Metric_Tree, 2), 1);
+    EXPECT_EQ(GetListCount(Find("Process->worker->Size")->data->instances), 1);
+    EXPECT_EQ(Order(Find("Process")), "Process->worker Process->a->b ");
+}
+
 }  // namespace
 }  // namespace alert_test
