@@ -69,6 +69,7 @@ struct Worker {
     std::vector<FsUsage> results;
     std::vector<int> errors;
     size_t answered = 0;  // how many of `dirs` have their answer
+    std::chrono::steady_clock::time_point since;  // when the query in flight began
     bool pending = false;
     bool abandoned = false;
 };
@@ -79,6 +80,7 @@ void worker_loop(std::shared_ptr<Worker> w) {
         w->cv.wait(lock, [&] { return w->pending; });
         w->pending = false;
         for (size_t i = 0; i < w->dirs.size(); ++i) {
+            w->since = std::chrono::steady_clock::now();
             std::string dir = w->dirs[i];
             lock.unlock();
             FsUsage usage;
@@ -88,7 +90,9 @@ void worker_loop(std::shared_ptr<Worker> w) {
             w->results[i] = usage;
             w->errors[i] = error;
             w->answered = i + 1;
-            w->cv.notify_all();
+            // The caller sleeps until the whole batch is answered (or one query overruns),
+            // so the pass costs one wake-up, not one per mount.
+            if (w->answered == w->dirs.size()) w->cv.notify_all();
             if (w->abandoned) {
                 lock.unlock();
                 StuckSet& stuck = stuck_set();
@@ -150,30 +154,41 @@ void query_fs_usage_batch(std::vector<FsQuery>& queries, int timeout_ms) {
         w.results.assign(batch.size(), FsUsage{});
         w.errors.assign(batch.size(), 0);
         w.answered = 0;
+        w.since = std::chrono::steady_clock::now();
         w.pending = true;
         w.cv.notify_all();
-        for (size_t k = 0; k < batch.size(); ++k) {
-            FsQuery& q = queries[batch[k]];
-            auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-            if (!w.cv.wait_until(lock, deadline, [&] { return w.answered > k; })) {
-                // Marked stuck while the worker's lock is held, so the worker, which checks
-                // `abandoned` under that lock, always clears the mark after it was made.
-                w.abandoned = true;
-                {
-                    StuckSet& stuck = stuck_set();
-                    std::lock_guard stuck_lock(stuck.mutex);
-                    stuck.dirs.insert(q.dir);
-                }
-                q.answer = FsAnswer::timed_out;
-                lock.unlock();
-                current.reset();
-                // The rest of the pass starts again with a fresh worker.
-                next = k + 1 < batch.size() ? batch[k + 1] : queries.size();
+        // Each query has its own limit, counted from when the worker began it.
+        const auto limit = std::chrono::milliseconds(timeout_ms);
+        size_t overran = batch.size();
+        while (w.answered < batch.size()) {
+            const size_t k = w.answered;
+            if (w.cv.wait_until(lock, w.since + limit) == std::cv_status::timeout &&
+                w.answered == k && std::chrono::steady_clock::now() >= w.since + limit) {
+                overran = k;
                 break;
             }
+        }
+        for (size_t k = 0; k < w.answered && k < overran; ++k) {
+            FsQuery& q = queries[batch[k]];
             q.error = w.errors[k];
             q.answer = q.error != 0 ? FsAnswer::failed : FsAnswer::ok;
             if (q.error == 0) q.usage = w.results[k];
+        }
+        if (overran < batch.size()) {
+            FsQuery& q = queries[batch[overran]];
+            // Marked stuck while the worker's lock is held, so the worker, which checks
+            // `abandoned` under that lock, always clears the mark after it was made.
+            w.abandoned = true;
+            {
+                StuckSet& stuck = stuck_set();
+                std::lock_guard stuck_lock(stuck.mutex);
+                stuck.dirs.insert(q.dir);
+            }
+            q.answer = FsAnswer::timed_out;
+            lock.unlock();
+            current.reset();
+            // The rest of the pass starts again with a fresh worker.
+            next = overran + 1 < batch.size() ? batch[overran + 1] : queries.size();
         }
     }
 }

@@ -162,6 +162,7 @@ std::atomic<int> hung_calls{0};
 
 int fake_query(const char* dir, FsUsage* out) {
     if (std::strcmp(dir, "/hung") == 0) ++hung_calls, released.wait();
+    if (std::strcmp(dir, "/slow") == 0) std::this_thread::sleep_for(60ms);
     *out = FsUsage{};
     out->blocks = 100;
     return 0;
@@ -192,6 +193,36 @@ TEST(FsUsageQuery, HungMountIsSkippedUntilItAnswers) {
     }
     EXPECT_EQ(answer, FsAnswer::ok);
     EXPECT_EQ(hung_calls.load(), 2);
+    set_fs_usage_for_tests(nullptr);
+}
+
+// One pass hands every mount over at once, yet each keeps its own limit: slow mounts that
+// together take longer than one limit all answer, and a hang in the middle costs one limit
+// and leaves the mounts after it to a fresh worker.
+TEST(FsUsageQuery, APassGivesEveryMountItsOwnLimit) {
+    std::promise<void> release;
+    released = release.get_future().share();
+    hung_calls = 0;
+    set_fs_usage_for_tests(fake_query);
+    std::vector<FsQuery> pass;
+    for (const char* dir : {"/slow", "/slow", "/slow", "/a", "/hung", "/b", "/slow"})
+        pass.emplace_back(dir);
+    auto start = std::chrono::steady_clock::now();
+    query_fs_usage_batch(pass, 100);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    std::string answers;
+    for (const FsQuery& q : pass) answers += q.answer == FsAnswer::ok ? "ok " : "-- ";
+    EXPECT_EQ(answers, "ok ok ok ok -- ok ok ");
+    EXPECT_EQ(pass[4].answer, FsAnswer::timed_out);
+    EXPECT_EQ(pass[6].usage.blocks, 100u);
+    release.set_value();
+    FsAnswer answer = FsAnswer::stuck;
+    FsUsage usage;
+    for (int i = 0; i < 500 && answer == FsAnswer::stuck; ++i) {
+        answer = query_fs_usage("/hung", usage, 5000);
+        if (answer == FsAnswer::stuck) std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_EQ(answer, FsAnswer::ok);
     set_fs_usage_for_tests(nullptr);
 }
 
