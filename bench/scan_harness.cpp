@@ -319,6 +319,7 @@ struct Row {
     double agent_ms = 0, floor_ms = 0, ratio = 0;
     double agent_run_ms = 0, floor_run_ms = 0, ratio_run = 0;
     double agent_hwm_mb = 0, floor_hwm_mb = 0;
+    double agent_rss_mb = 0;  // at the end of the window, long after the header pass
     double packet_kb = 0;
     long agent_scans = 0, floor_scans = 0;
     bool ok = false;
@@ -399,6 +400,7 @@ Row measure(const Options& o, int extra) {
             row.ok = true;
         }
         row.agent_hwm_mb = status_kb(agent, "VmHWM:") / 1024.0;
+        row.agent_rss_mb = status_kb(agent, "VmRSS:") / 1024.0;
         row.floor_hwm_mb = status_kb(floor, "VmHWM:") / 1024.0;
         row.packet_kb = console.last_size / 1024.0;
     }
@@ -465,18 +467,18 @@ int main(int argc, char** argv) {
     printf(
         "| extra sleepers | processes | agent CPU ms/scan | floor CPU ms/scan | ratio "
         "| agent run ms/scan | floor run ms/scan | ratio (run) | agent peak RSS MB "
-        "| data packet KB |\n");
-    printf("|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
+        "| agent RSS at end MB | data packet KB |\n");
+    printf("|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
     bool all_ok = true;
     for (const Row& r : rows) {
         if (!r.ok) {
-            printf("| %d | - | failed | | | | | | | |\n", r.extra);
+            printf("| %d | - | failed | | | | | | | | |\n", r.extra);
             all_ok = false;
             continue;
         }
-        printf("| %d | %d | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f | %.1f | %.0f |\n", r.extra,
-               r.processes, r.agent_ms, r.floor_ms, r.ratio, r.agent_run_ms, r.floor_run_ms,
-               r.ratio_run, r.agent_hwm_mb, r.packet_kb);
+        printf("| %d | %d | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f | %.1f | %.1f | %.0f |\n",
+               r.extra, r.processes, r.agent_ms, r.floor_ms, r.ratio, r.agent_run_ms,
+               r.floor_run_ms, r.ratio_run, r.agent_hwm_mb, r.agent_rss_mb, r.packet_kb);
     }
     printf("\n(scans measured per row: agent/floor");
     for (const Row& r : rows) printf(" %ld/%ld", r.agent_scans, r.floor_scans);

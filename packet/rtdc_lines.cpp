@@ -36,10 +36,11 @@ class Store {
     void commit(size_t n) { used_ += n; }
 
     // Reuse from the first block. Blocks the last scan did not reach are returned, so a
-    // host that shrank does not keep the memory of its largest scan.
-    void reset() {
-        size_t keep = current_ + 1;
-        if (blocks_.size() > keep) blocks_.resize(keep);
+    // host that shrank does not keep the memory of its largest scan; with `keep` false
+    // every block is returned.
+    void reset(bool keep) {
+        size_t kept = keep ? current_ + 1 : 0;
+        if (blocks_.size() > kept) blocks_.resize(kept);
         current_ = 0;
         used_ = 0;
     }
@@ -62,6 +63,10 @@ struct Entry {
 
 struct ArrayStore {
     char** lines;
+    // Data lines are made every scan, so their blocks are worth keeping; header lines only
+    // when a console connects, and at thousands of processes they take megabytes that
+    // would otherwise sit unused between connections.
+    bool keep_blocks;
     Store store;
     Entry entries[kMaxLines];
     int high = 0;  // entries at and above this index are clear
@@ -71,16 +76,16 @@ struct ArrayStore {
     void clear() {
         for (int i = 0; i < high; ++i) entries[i] = {nullptr, 0};
         high = 0;
-        store.reset();
+        store.reset(keep_blocks);
     }
 };
 
 ArrayStore& headers_store() {
-    static ArrayStore* s = new ArrayStore{rtdc_data_headers, {}, {}, 0};
+    static ArrayStore* s = new ArrayStore{rtdc_data_headers, false, {}, {}, 0};
     return *s;
 }
 ArrayStore& buffers_store() {
-    static ArrayStore* s = new ArrayStore{rtdc_data_buffers, {}, {}, 0};
+    static ArrayStore* s = new ArrayStore{rtdc_data_buffers, true, {}, {}, 0};
     return *s;
 }
 
