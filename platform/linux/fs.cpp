@@ -90,8 +90,8 @@ void worker_loop(std::shared_ptr<Worker> w) {
             w->results[i] = usage;
             w->errors[i] = error;
             w->answered = i + 1;
-            // The caller sleeps until the whole batch is answered (or one query overruns),
-            // so the pass costs one wake-up, not one per mount.
+            // The caller sleeps until the whole batch is answered, waking by itself only
+            // when a query overruns its limit, so a pass costs one wake-up, not one per mount.
             if (w->answered == w->dirs.size()) w->cv.notify_all();
             if (w->abandoned) {
                 lock.unlock();
@@ -168,7 +168,7 @@ void query_fs_usage_batch(std::vector<FsQuery>& queries, int timeout_ms) {
                 break;
             }
         }
-        for (size_t k = 0; k < w.answered && k < overran; ++k) {
+        for (size_t k = 0; k < w.answered; ++k) {  // an overrun query is never answered here
             FsQuery& q = queries[batch[k]];
             q.error = w.errors[k];
             q.answer = q.error != 0 ? FsAnswer::failed : FsAnswer::ok;
