@@ -53,8 +53,8 @@ struct Scan {
     }
 };
 
-// The packet path as a tick runs it: lines of every instance, one packet, lines freed.
-size_t packet_path(Scan& scan) {
+// The header and data lines of every instance, with ids and packet number from the start.
+void format_lines(Scan& scan) {
     Offset = 0;
     PacketNumber = 1;
     for (int i = 0; i < kInstances; ++i) {
@@ -62,14 +62,23 @@ size_t packet_path(Scan& scan) {
                             scan.tables[i], "Cpu");
         rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, &scan.records[i], scan.tables[i]);
     }
+}
+
+void free_lines() {
+    rtdc_free_lines(rtdc_data_headers, &n_rtdc_data_headers, &n_rtdc_header_len);
+    rtdc_free_lines(rtdc_data_buffers, &n_rtdc_data_buffers, &n_rtdc_data_len);
+}
+
+// The packet path as a tick runs it: lines of every instance, one packet, lines freed.
+size_t packet_path(Scan& scan) {
+    format_lines(scan);
     const int hint = n_rtdc_header_len + n_rtdc_data_len;
     char* packet = rtdc_packet_buffer(hint);  // the buffer the snapshot pass uses
     rtdc_packetize_data(rtdc_data_headers, n_rtdc_data_headers, rtdc_data_buffers,
                         n_rtdc_data_buffers, packet, hint);
     size_t len = strlen(packet);
     benchmark::DoNotOptimize(packet);
-    rtdc_free_lines(rtdc_data_headers, &n_rtdc_data_headers, &n_rtdc_header_len);
-    rtdc_free_lines(rtdc_data_buffers, &n_rtdc_data_buffers, &n_rtdc_data_len);
+    free_lines();
     return len;
 }
 
@@ -79,14 +88,7 @@ struct Pieces {
     size_t total = 0;
 
     explicit Pieces(Scan& scan) {
-        Offset = 0;
-        PacketNumber = 1;
-        for (int i = 0; i < kInstances; ++i) {
-            rtdc_buffer_headers(rtdc_data_headers, &n_rtdc_data_headers, &scan.records[i],
-                                scan.tables[i], "Cpu");
-            rtdc_buffer_data(rtdc_data_buffers, &n_rtdc_data_buffers, &scan.records[i],
-                             scan.tables[i]);
-        }
+        format_lines(scan);
         const int hint = n_rtdc_header_len + n_rtdc_data_len;
         std::vector<char> packet(static_cast<size_t>(hint) + 8192);
         rtdc_packetize_data(rtdc_data_headers, n_rtdc_data_headers, rtdc_data_buffers,
@@ -110,8 +112,7 @@ struct Pieces {
         parts.push_back(whole.substr(at));
         for (const auto& p : parts) total += p.size();
         if (total != whole.size()) fprintf(stderr, "packet_bench: pieces do not add up\n");
-        rtdc_free_lines(rtdc_data_headers, &n_rtdc_data_headers, &n_rtdc_header_len);
-        rtdc_free_lines(rtdc_data_buffers, &n_rtdc_data_buffers, &n_rtdc_data_len);
+        free_lines();
     }
 };
 
