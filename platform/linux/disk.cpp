@@ -36,7 +36,7 @@ bool parse_line(std::string_view line, DiskDevice& device) {
         ++count;
     }
     device = DiskDevice{};
-    procfs::copy_field(device.name, sizeof device.name, name);
+    procfs::copy_name(device.name, sizeof device.name, name);
     DiskIo& io = device.io;
     if (count == 4) {
         io.reads = f[0];

@@ -13,6 +13,7 @@
 #include <set>
 #include <thread>
 
+#include "platform/linux/proc_file.h"
 #include "platform/roots.h"
 
 namespace platform {
@@ -24,9 +25,10 @@ bool read_mounts(std::vector<MountEntry>& out) {
     std::vector<char> buffer(16384);
     mntent entry{};
     while (getmntent_r(table, &entry, buffer.data(), static_cast<int>(buffer.size()))) {
-        out.push_back(MountEntry{entry.mnt_fsname ? entry.mnt_fsname : "",
-                                 entry.mnt_dir ? entry.mnt_dir : "",
-                                 entry.mnt_type ? entry.mnt_type : ""});
+        // The table decodes "\012" back into a newline: a mount point may hold any byte.
+        out.push_back(MountEntry{procfs::clean_name(entry.mnt_fsname ? entry.mnt_fsname : ""),
+                                 procfs::clean_name(entry.mnt_dir ? entry.mnt_dir : ""),
+                                 procfs::clean_name(entry.mnt_type ? entry.mnt_type : "")});
     }
     endmntent(table);
     return true;

@@ -92,4 +92,26 @@ inline void copy_field(char* field, size_t width, std::string_view text) {
     field[n] = '\0';
 }
 
+/// A name that a local user, an administrator or the kernel chose (a process, an account,
+/// a mount point, a disk) as it may stand in a packet or a log line: every control
+/// character becomes '?'. Anyone can rename a process, and a newline in a name would end
+/// the line it stands in and start one of the name's own.
+inline char printable_name_char(char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte == 0x7f ? '?' : c;
+}
+
+/// copy_field for names: cut to fit, always NUL-terminated, control characters replaced.
+inline void copy_name(char* field, size_t width, std::string_view text) {
+    copy_field(field, width, text);
+    for (char* p = field; *p; ++p) *p = printable_name_char(*p);
+}
+
+/// The same for names kept as strings.
+inline std::string clean_name(std::string_view text) {
+    std::string name(text);
+    for (char& c : name) c = printable_name_char(c);
+    return name;
+}
+
 }  // namespace platform::procfs

@@ -75,8 +75,8 @@ bool parse_stat(std::string_view text, ProcessSample& out, int64_t page_kb) {
     const auto* open = static_cast<const char*>(memchr(text.data(), '(', text.size()));
     const auto* close = static_cast<const char*>(memrchr(text.data(), ')', text.size()));
     if (!open || !close || close < open) return false;
-    copy_field(out.name, sizeof out.name,
-               std::string_view(open + 1, static_cast<size_t>(close - open - 1)));
+    procfs::copy_name(out.name, sizeof out.name,
+                      std::string_view(open + 1, static_cast<size_t>(close - open - 1)));
 
     const char* p = close + 1;
     const char* const end = text.data() + text.size();
@@ -332,7 +332,7 @@ void user_name(uint32_t uid, char* out, size_t size) {
         char pwbuf[4096];
         if (getpwuid_r(uid, &entry, pwbuf, sizeof pwbuf, &found) == 0 && found && found->pw_name &&
             *found->pw_name) {
-            name = found->pw_name;
+            name = procfs::clean_name(found->pw_name);
         } else {
             name = std::to_string(uid);
         }

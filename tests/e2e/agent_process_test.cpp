@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 
 #include <chrono>
@@ -81,6 +82,33 @@ TEST(ProcessCollection, HeaderLinesRulesAndAVanishingProcess) {
     EXPECT_NE(desc.find("</HEADER>\n"), std::string::npos);
     EXPECT_EQ(desc.find(std::string("Process->") + Sleeper::kName), std::string::npos)
         << "the process left the tree";
+    EXPECT_EQ(agent.stop(), 0);
+}
+
+// Any user may name a process as they like. A name holding newlines must stay inside its
+// own header lines instead of adding lines of its own to the packet.
+TEST(ProcessCollection, ARenamedProcessCannotAddPacketLines) {
+    static const char kForged[] = "ab\n999=INJ\nzz";
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        prctl(PR_SET_NAME, kForged, 0, 0, 0);
+        alarm(60);  // ends by itself should the test die before killing it
+        pause();
+        _exit(0);
+    }
+    InstallRoot root;
+    int port = free_port();
+    Agent agent(root, {"-nofork", "-port", std::to_string(port), "-scan", "1", "-collectprocess"});
+    ASSERT_TRUE(agent.wait_listening(port)) << agent.err();
+    Client console(port);
+    ASSERT_TRUE(console.send("<DATA>\n1\n"));
+    std::string header = console.read_packet(60000);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    ASSERT_FALSE(header.empty());
+    EXPECT_NE(header.find("->ab?999=INJ?zz  (" + std::to_string(child) + ")->"), std::string::npos);
+    EXPECT_EQ(header.find("\n999=INJ\n"), std::string::npos);
     EXPECT_EQ(agent.stop(), 0);
 }
 

@@ -6,6 +6,8 @@
 #include <string>
 #include <tuple>
 
+#include "platform/disk.h"
+#include "platform/fs.h"
 #include "platform/process.h"
 #include "support/fixture_roots.h"
 
@@ -58,6 +60,32 @@ TEST_F(FixtureProcesses, ReadsWholeProcessesOnly) {
     EXPECT_TRUE(seen.empty());
     // Without the online list the count falls back to the C library's, never 0.
     EXPECT_GE(platform::online_processors(), 1);
+}
+
+// Any user can rename a process, a user mount may sit on a path of any bytes and a disk
+// name comes from a driver: a control character in any of them would end or split the
+// packet or log line the name goes into, so each arrives with '?' in its place.
+TEST_F(FixtureProcesses, NamesArriveWithoutControlCharacters) {
+    vorntest::TempTree tree;
+    tree.write("proc/77/stat", "77 (ab\n999=INJ\nzz) S 1 77 77 0 -1 0 0 0 0 0 1 1 0 0 20 0 1 0 9 0 5\n");
+    tree.write("proc/77/status", "Name:\tab\nUid:\t0\t0\t0\t0\n");
+    tree.write("proc/78/stat", "78 (tab\there\r\x7f) S 1 78 78 0 -1 0 0 0 0 0 1 1 0 0 20 0 1 0 9 0 5\n");
+    tree.write("proc/78/status", "Uid:\t0\t0\t0\t0\n");
+    // The mount table writes a newline in a path as \012, which the reader decodes.
+    tree.write("proc/self/mounts", "/dev/x /mnt/a\\012999=INJ ext4 rw 0 0\nsrv\x1b /srv fuse.f\x01s rw 0 0\n");
+    tree.write("proc/diskstats", "   8 0 sd\x1b[2J 1 0 8 0 1 0 8 0 0 0 0\n");
+    platform::set_roots(tree.roots());
+
+    std::map<int, ProcessSample> seen;
+    ASSERT_EQ(platform::read_processes(collect, &seen), 2);
+    std::string names = std::string(seen[77].name) + "|" + seen[78].name;
+    std::vector<platform::MountEntry> mounts;
+    ASSERT_TRUE(platform::read_mounts(mounts));
+    for (const auto& m : mounts) names += "|" + m.source + " " + m.dir + " " + m.type;
+    std::vector<platform::DiskDevice> disks;
+    ASSERT_TRUE(platform::read_disks(disks));
+    for (const auto& d : disks) names += "|" + std::string(d.name);
+    EXPECT_EQ(names, "ab?999=INJ?zz|tab?here??|/dev/x /mnt/a?999=INJ ext4|srv? /srv fuse.f?s|sd?[2J");
 }
 
 TEST(ProcessNames, TerminalsAndUsers) {
