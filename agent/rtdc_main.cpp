@@ -19,6 +19,7 @@
 #include "agent/rtdc_server.h"
 #include "collectors/rtdc_config.h"
 #include "control/rta_cmdline.h"
+#include "control/rta_files.h"
 #include "control/rta_lock.h"
 #include "control/rta_priv.h"
 
@@ -74,7 +75,9 @@ void Terminate(int) {
     if (data > 0) shutdown(data, SHUT_RDWR);
     int listener = data_sock.load();
     if (listener > 0) shutdown(listener, SHUT_RDWR);
-    unlink(rta_cmdline.lock_file);
+    // An agent started with -nolock, or one that failed before writing its lock, must
+    // not take away the lock of the agent that holds it.
+    rta_remove_own_lockfile(rta_cmdline.lock_file);
     // Request and collection threads may still be running: leave without running static
     // destructors under their feet. Only the standard streams are flushed: a request
     // stream blocked in a read holds its lock, and the log is flushed at every entry.
@@ -170,6 +173,14 @@ int rtdc_main(int argc, char** argv) {
     rta_parse_startup_file(&rta_cmdline);
     int status = rta_parse_command_line(argv, argc, &rta_cmdline);
     if (status < 1) exit(0);
+    // The agent changes into its install root below and when it becomes a daemon: a
+    // relative root (QUORBEX_LIBRARY=var/root, -rootdir var/root) must keep naming the
+    // directory it named where it was typed.
+    if (!rta_make_paths_absolute(&rta_cmdline)) {
+        fprintf(stderr, "vornrta, fatal: unable to make the install paths absolute: %s\n",
+                strerror(errno));
+        exit(1);
+    }
 
     if (rta_cmdline.usage) {
         rta_print_usage();

@@ -12,6 +12,7 @@
 #include "alerts/rtal_io.h"
 #include "alerts/rtal_rules.h"
 #include "control/rta_cmdline.h"
+#include "control/rta_files.h"
 
 char eventlist[kMaxEvents][512];
 int no_events = 0;
@@ -62,8 +63,14 @@ int handle_event_def_request(FILE* stream, int /*fd*/, const char* line, const c
     char path[1024];
     snprintf(path, sizeof path, "%s/eventdef_%s.dat", rta_cmdline.settings_dir,
              rta_cmdline.hostname);
-    FILE* out = fopen(path, "w");
-    if (!out) return 0;
+    // A peer decides what goes in: a link planted at the path must be replaced, never
+    // written through.
+    RtaNewFile file(path, 0644);
+    FILE* out = file.stream();
+    if (!out) {
+        rtdc_logf("VORNRTA-E-EVENTDEF: cannot create %s: %s\n", path, strerror(errno));
+        return 0;
+    }
     long written = 0;
     if (line) {
         fputs(line, out);
@@ -80,8 +87,7 @@ int handle_event_def_request(FILE* stream, int /*fd*/, const char* line, const c
         fputs(buf, out);
         written += len;
     }
-    fflush(out);
-    if (fclose(out) != 0)
+    if (!file.replace())
         rtdc_logf("VORNRTA-E-EVENTDEF: writing %s failed: %s\n", path, strerror(errno));
     return 1;
 }

@@ -12,8 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "agent/rtdc_globals.h"
+#include "control/rta_files.h"
 #include "control/rta_priv.h"
 #include "control/rta_text.h"
 
@@ -29,13 +31,34 @@ void store_switch(int* field, const char* value) {
     if (v == 0 || v == 1) *field = v;
 }
 
-bool file_exists(const char* path) { return access(path, F_OK) == 0; }
+// Anything at the path counts, a dangling link included: it would block the new lock too.
+bool file_exists(const char* path) {
+    struct stat st;
+    return lstat(path, &st) == 0;
+}
+
+// The lock file this agent published, known by its inode: a lock that someone replaced
+// since (after deleting ours as stale) belongs to another agent and stays. The descriptor
+// is held for the agent's life so that the inode number cannot pass to another file.
+struct OwnLock {
+    int fd = -1;
+    dev_t dev = 0;
+    ino_t ino = 0;
+};
+OwnLock own_lock;
 
 }  // namespace
 
 int rta_read_lockfile(const char* path, RtaLockInfo* info, int /*mode*/, int /*flag*/) {
-    FILE* fp = fopen(path, "r");
-    if (!fp) return errno == ENOENT ? -1 : 0;
+    std::string problem;
+    FILE* fp = rta_open_regular(path, &problem);
+    if (!fp) {
+        if (errno == ENOENT) return -1;
+        // A FIFO or directory planted here is neither read nor waited on.
+        if (errno == EINVAL)
+            fprintf(stderr, "%s, lock file %s %s\n", kProgramName, path, problem.c_str());
+        return 0;
+    }
 
     int found = 0;
     // Lines are read in pieces of the line buffer's size; each piece is searched alone.
@@ -160,23 +183,13 @@ int rta_write_lockfile(RtaCmdline* record) {
         delete_file(path);
     }
 
-    int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) {
+    // The lock is written in full under a temporary name and only then linked into
+    // place, so a concurrent -status never meets it half written (and deletes it as empty).
+    RtaNewFile lock(path, 0644);
+    FILE* fp = lock.stream();
+    if (!fp) {
         fprintf(stderr, "vornrta, unable to create lock file, %s, %s\n", path, strerror(errno));
         rta_status(path, 1, 0, record->lock);
-        return 0;
-    }
-    FILE* fp = fdopen(fd, "w");
-    if (!fp) {
-        fprintf(stderr, "vornrta, unable to write to lock file, %s, %s\n", path, strerror(errno));
-        close(fd);
-        return 0;
-    }
-    // Two agents starting together both pass the existence check; the exclusive create
-    // above and this lock make sure only one of them writes the file.
-    if (lockf(fd, F_TLOCK, 0) != 0) {
-        fprintf(stderr, "Fatal: %s is already running\n", kProgramName);
-        fclose(fp);
         return 0;
     }
 
@@ -197,8 +210,28 @@ int rta_write_lockfile(RtaCmdline* record) {
     fprintf(fp, "PROCESSES~%d\n", record->collect_process);
     fprintf(fp, "SCAN_RATE~%d\n", record->scan);
     fprintf(fp, "USER~%s\n", record->user);
-    fclose(fp);
+    // Two agents starting together both pass the existence check above; only one of them
+    // can link its file into place.
+    if (!lock.publish()) {
+        fprintf(stderr, "vornrta, unable to create lock file, %s, %s\n", path, strerror(errno));
+        rta_status(path, 1, 0, record->lock);
+        return 0;
+    }
+    int fd = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat st;
+    if (fd >= 0 && fstat(fd, &st) == 0) {
+        if (own_lock.fd >= 0) close(own_lock.fd);
+        own_lock = OwnLock{fd, st.st_dev, st.st_ino};
+    } else if (fd >= 0) {
+        close(fd);
+    }
     return 1;
+}
+
+void rta_remove_own_lockfile(const char* path) {
+    struct stat st;
+    if (own_lock.fd < 0 || lstat(path, &st) != 0) return;
+    if (st.st_dev == own_lock.dev && st.st_ino == own_lock.ino) unlink(path);
 }
 
 int rta_stop(const char* path, int mode) {
@@ -218,7 +251,12 @@ int rta_stop(const char* path, int mode) {
         return 1;
     }
     printf("\nStopping %s (pid %d)\n", kProgramName, pid);
-    if (kill(pid, SIGINT) != 0) {
+    // The agent may run under another account than ours: signalling it is the
+    // process-owner privilege, raised for this one call.
+    priv_on_proc();
+    const int sent = kill(pid, SIGINT);
+    priv_off_proc();
+    if (sent != 0) {
         fprintf(stderr, "Fatal: Unable to kill pid %d \n", pid);
         return 0;
     }

@@ -28,3 +28,6 @@ int rta_stop(const char* path, int mode);
 int is_rta_running(RtaCmdline* record, int* pid_out);
 int rta_update_lockfile(const char* path, int mode, int flag);
 int rta_delete_existing_lockfile(const char* path, int verbose);
+/// Removes the lock file at path only if it is the one this process wrote, so an agent
+/// started without a lock, or whose lock was replaced, never removes another agent's.
+void rta_remove_own_lockfile(const char* path);

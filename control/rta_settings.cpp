@@ -11,6 +11,7 @@
 #include <string>
 
 #include "control/rta_cmdline.h"
+#include "control/rta_files.h"
 #include "control/rta_text.h"
 
 namespace {
@@ -67,8 +68,15 @@ int delete_file(const char* path) {
 }
 
 int rta_parse_startup_file(RtaCmdline* record) {
-    FILE* fp = fopen(record->config_file, "r");
-    if (!fp) return 0;
+    std::string problem;
+    FILE* fp = rta_open_regular(record->config_file, &problem);
+    if (!fp) {
+        // No settings file is the usual case and goes unsaid; anything else is a mistake.
+        if (errno != ENOENT)
+            fprintf(stderr, "vornrta, settings file %s %s: ignored\n", record->config_file,
+                    problem.c_str());
+        return 0;
+    }
 
     char line[kSettingsLine];
     int found = 0;
@@ -121,8 +129,13 @@ int rta_write_settings_file(RtaCmdline* record) {
     char path[rta::kPathWidth * 2];
     snprintf(path, sizeof path, "%s/rta_%s.config", record->settings_dir, record->hostname);
     printf("Writing config file %s \n", path);
-    FILE* fp = fopen(path, "w");
-    if (!fp) return 0;
+    // Root runs this: a link planted at the path must be replaced, never written through.
+    RtaNewFile file(path, 0644);
+    FILE* fp = file.stream();
+    if (!fp) {
+        fprintf(stderr, "vornrta, unable to write settings file %s, %s\n", path, strerror(errno));
+        return 0;
+    }
     fprintf(fp, "PRIORITY~%d\n", record->priority);
     fprintf(fp, "VERBOSE~%d\n", record->verbose);
     fprintf(fp, "USER~%s\n", record->user);
@@ -130,7 +143,10 @@ int rta_write_settings_file(RtaCmdline* record) {
     fprintf(fp, "SCAN_RATE~%d\n", record->scan);
     fprintf(fp, "ALERTS~%d\n", record->alerts);
     fprintf(fp, "PROCESSES~%d\n", record->collect_process);
-    fclose(fp);
+    if (!file.replace()) {
+        fprintf(stderr, "vornrta, unable to write settings file %s, %s\n", path, strerror(errno));
+        return 0;
+    }
     return 1;
 }
 

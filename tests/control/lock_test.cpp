@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "control/rta_lock.h"
+#include "control/rta_priv.h"
 #include "control_test_util.h"
 
 using namespace control_test;
@@ -174,4 +175,71 @@ TEST(Stop, SignalsOnlyTheRecordedAgent) {
     int wstatus = 0;
     waitpid(agent, &wstatus, 0);
     EXPECT_TRUE(WIFSIGNALED(wstatus) && WTERMSIG(wstatus) == SIGINT) << wstatus;
+}
+
+// Only the agent that wrote a lock removes it: not an agent started without one, and not
+// one whose lock was deleted as stale and then replaced by another agent's.
+TEST(LockFile, OnlyItsWriterRemovesIt) {
+    Scene s;
+    write_file(s.dir / "tmp/.keep", "");
+    ChildResult c = s.run([&] {
+        rta_remove_own_lockfile(s.lock.c_str());  // nothing written yet: a no-op
+        RtaCmdline r = default_record();
+        snprintf(r.lock_file, sizeof r.lock_file, "%s", s.lock.c_str());
+        if (rta_write_lockfile(&r) != 1) return 2;
+        std::string kept = read_file(s.lock);
+        unlink(s.lock.c_str());
+        write_file(s.lock, kLock);  // another agent's lock now stands at the path
+        rta_remove_own_lockfile(s.lock.c_str());
+        if (read_file(s.lock) != kLock) return 3;
+        unlink(s.lock.c_str());
+        write_file(s.lock, kept);
+        return 0;
+    });
+    EXPECT_EQ(c.exit_code, 0) << c.err;
+    EXPECT_TRUE(std::filesystem::exists(s.lock));
+    c = s.run([&] { return rta_remove_own_lockfile(s.lock.c_str()), 0; });  // never wrote one
+    EXPECT_TRUE(std::filesystem::exists(s.lock));
+    c = s.run([&] {
+        RtaCmdline r = default_record();
+        snprintf(r.lock_file, sizeof r.lock_file, "%s", s.lock.c_str());
+        unlink(s.lock.c_str());
+        if (rta_write_lockfile(&r) != 1) return 2;
+        rta_remove_own_lockfile(s.lock.c_str());
+        return 0;
+    });
+    EXPECT_EQ(c.exit_code, 0) << c.err;
+    EXPECT_FALSE(std::filesystem::exists(s.lock));
+}
+
+// Who counts as a running agent: not a zombie, not one in another pid namespace (told by
+// the world-readable NSpid line when the namespace links cannot be read), and, found by
+// name, only one working in our install root.
+TEST(FindProc, ZombiesOtherZonesAndOtherRoots) {
+    Scene s;
+    const std::string mine = s.dir / "root", other = s.dir / "other";
+    std::filesystem::create_directories(mine);
+    std::filesystem::create_directories(other);
+    auto entry = [&](int pid, char state, const char* nspid, const std::string& cwd) {
+        const std::string dir = s.proc + "/" + std::to_string(pid);
+        write_file(dir + "/stat", std::to_string(pid) + " (vornrta) " + state + " 1 1 1 0 -1 0\n");
+        write_file(dir + "/status", std::string("Name:\tvornrta\nNSpid:\t") + nspid + "\n");
+        if (!cwd.empty()) std::filesystem::create_symlink(cwd, dir + "/cwd");
+    };
+    write_file(s.proc + "/self/status", "Name:\tt\nNSpid:\t7\n");
+    entry(10, 'Z', "10", mine);      // ended
+    entry(20, 'S', "20\t1", mine);  // a namespace below ours
+    entry(30, 'S', "30", other);     // another install root
+    entry(40, 'S', "40", "");        // working directory unreadable
+    ChildResult c = s.run([&] {
+        snprintf(rta_cmdline.install_dir, sizeof rta_cmdline.install_dir, "%s", mine.c_str());
+        std::string out;
+        for (int pid : {10, 20, 30}) out += std::to_string(findproc("vornrta", pid, 0)) + " ";
+        out += std::to_string(find_process_by_name("vornrta", 0, 0));
+        entry(50, 'R', "50", mine);
+        out += " " + std::to_string(find_process_by_name("vornrta", 0, 0));
+        return printf("%s", out.c_str()), 0;
+    });
+    // The recorded pid of our own lock needs no root check: 30 is found through it.
+    EXPECT_EQ(c.out, "0 0 1 0 50");
 }
