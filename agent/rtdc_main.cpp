@@ -237,6 +237,7 @@ int rtdc_main(int argc, char** argv) {
     if (getuid() == 0) rta_relinquish_root(rta_cmdline.user);
     priv_init();
     priv_off();
+    rta_keep_agent_privileges();
     setlocale(LC_ALL, "");
     StartRTAgent(&rta_cmdline);
 }

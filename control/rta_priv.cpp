@@ -21,13 +21,20 @@ namespace {
 // The whole list of capabilities the agent keeps; every other one leaves the permitted
 // and bounding sets in priv_init.
 constexpr cap_value_t kFileDacRead = CAP_DAC_READ_SEARCH;  // read /proc entries and files of other accounts
-constexpr cap_value_t kProcOwner = CAP_SYS_PTRACE;         // per-process counters (io, status) of other accounts
+constexpr cap_value_t kProcTrace = CAP_SYS_PTRACE;         // per-process counters (io, status) of other accounts
+constexpr cap_value_t kSignal = CAP_KILL;                  // -stop: signal an agent of another account
 constexpr cap_value_t kSetUid = CAP_SETUID;                // switch to the daemon account
 constexpr cap_value_t kSetGid = CAP_SETGID;                // switch to the daemon account's group
-constexpr cap_value_t kKept[] = {kFileDacRead, kProcOwner, kSetUid, kSetGid};
+constexpr cap_value_t kKept[] = {kFileDacRead, kProcTrace, kSignal, kSetUid, kSetGid};
 
 // Raised by priv_on, dropped by priv_off: file access and the id switch.
 constexpr cap_value_t kFileAndSetid[] = {kFileDacRead, kSetUid, kSetGid};
+// The process-owner privilege: what one may do to processes of other accounts, which is
+// to read their counters and to signal them.
+constexpr cap_value_t kProcOwner[] = {kProcTrace, kSignal};
+// What a running agent holds, in force for its whole life: every scan opens other
+// accounts' /proc/<pid>/io, which takes both the ptrace-read check and the file's 0400 mode.
+constexpr cap_value_t kAgent[] = {kFileDacRead, kProcTrace};
 
 // The start-up set ("basic" plus file_dac_read plus proc_owner); built once and kept.
 cap_t pa_priv_set = nullptr;
@@ -77,7 +84,7 @@ int priv_init() {
     // Reading and searching directories are one capability here.
     if (cap_set_flag(allowed, CAP_PERMITTED, 1, &kFileDacRead, CAP_SET) != 0)
         priv_fail("lock: Can't add FILE_DAC_SEARCH privilege");
-    if (cap_set_flag(allowed, CAP_PERMITTED, 1, &kProcOwner, CAP_SET) != 0)
+    if (cap_set_flag(allowed, CAP_PERMITTED, 2, kProcOwner, CAP_SET) != 0)
         priv_fail("lock: Can't add PRIV_PROC_OWNER privilege");
     const cap_value_t setid[] = {kSetUid, kSetGid};
     if (cap_set_flag(allowed, CAP_PERMITTED, 2, setid, CAP_SET) != 0)
@@ -115,8 +122,24 @@ int priv_init() {
 
 int priv_on() { return set_effective(kFileAndSetid, 3, CAP_SET); }
 int priv_off() { return set_effective(kFileAndSetid, 3, CAP_CLEAR); }
-int priv_on_proc() { return set_effective(&kProcOwner, 1, CAP_SET); }
-int priv_off_proc() { return set_effective(&kProcOwner, 1, CAP_CLEAR); }
+int priv_on_proc() { return set_effective(kProcOwner, 2, CAP_SET); }
+int priv_off_proc() { return set_effective(kProcOwner, 2, CAP_CLEAR); }
+
+int rta_keep_agent_privileges() {
+    cap_t cur = cap_get_proc();
+    if (!cur) return 0;
+    cap_t keep = cap_init();
+    for (cap_value_t c : kAgent) {
+        cap_flag_value_t permitted = CAP_CLEAR;
+        if (cap_get_flag(cur, c, CAP_PERMITTED, &permitted) != 0 || permitted != CAP_SET) continue;
+        cap_set_flag(keep, CAP_PERMITTED, 1, &c, CAP_SET);
+        cap_set_flag(keep, CAP_EFFECTIVE, 1, &c, CAP_SET);
+    }
+    int rc = keep ? cap_set_proc(keep) : -1;
+    cap_free(keep);
+    cap_free(cur);
+    return rc == 0 ? 1 : 0;
+}
 
 void rta_build_start_privileges() {
     if (pa_priv_set) {
@@ -129,8 +152,8 @@ void rta_build_start_privileges() {
     if (cap_set_flag(set, CAP_PERMITTED, 1, &kFileDacRead, CAP_SET) != 0 ||
         cap_set_flag(set, CAP_EFFECTIVE, 1, &kFileDacRead, CAP_SET) != 0)
         start_fail("vornagent, privset_add  PRIV_FILE_DAC_READ failed, %s\n");
-    if (cap_set_flag(set, CAP_PERMITTED, 1, &kProcOwner, CAP_SET) != 0 ||
-        cap_set_flag(set, CAP_EFFECTIVE, 1, &kProcOwner, CAP_SET) != 0)
+    if (cap_set_flag(set, CAP_PERMITTED, 1, &kProcTrace, CAP_SET) != 0 ||
+        cap_set_flag(set, CAP_EFFECTIVE, 1, &kProcTrace, CAP_SET) != 0)
         start_fail("vornagent, privset_add  PRIV_PROC_OWNER failed, %s\n");
     pa_priv_set = set;
 }
@@ -183,6 +206,15 @@ int rta_relinquish_root(const char* account) {
         int e = errno;
         fprintf(stderr, "vornrta, unable to change account to  %s, %s\n", account, strerror(e));
         return 0;
+    }
+    // The switch is done. Whoever keeps the right to change ids can become root again.
+    const cap_value_t setid[] = {kSetUid, kSetGid};
+    if (cap_t after = cap_get_proc()) {
+        cap_set_flag(after, CAP_EFFECTIVE, 2, setid, CAP_CLEAR);
+        cap_set_flag(after, CAP_PERMITTED, 2, setid, CAP_CLEAR);
+        cap_set_flag(after, CAP_INHERITABLE, 2, setid, CAP_CLEAR);
+        cap_set_proc(after);
+        cap_free(after);
     }
     return 1;
 }

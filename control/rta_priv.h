@@ -10,6 +10,10 @@ int priv_off_proc();
 /// "vornagent, ..." messages and exits 1 on failure.
 void rta_build_start_privileges();
 int rta_relinquish_root(const char* account);
+/// Leaves the running agent with only what its scans need, in force from now on: reading
+/// other accounts' /proc entries and per-process counters. 1, or 0 when the set cannot be
+/// changed.
+int rta_keep_agent_privileges();
 int rta_am_i_quorbex(const char* account);
 
 int findproc(const char* name, int pid, int verbose);

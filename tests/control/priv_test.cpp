@@ -11,7 +11,9 @@ using namespace control_test;
 namespace {
 constexpr uint64_t bit(int cap) { return uint64_t{1} << cap; }
 constexpr uint64_t kFileAndSetid = bit(CAP_DAC_READ_SEARCH) | bit(CAP_SETUID) | bit(CAP_SETGID);
-constexpr uint64_t kKept = kFileAndSetid | bit(CAP_SYS_PTRACE);
+constexpr uint64_t kProcOwner = bit(CAP_SYS_PTRACE) | bit(CAP_KILL);
+constexpr uint64_t kKept = kFileAndSetid | kProcOwner;
+constexpr uint64_t kAgent = bit(CAP_DAC_READ_SEARCH) | bit(CAP_SYS_PTRACE);
 
 std::string hex(uint64_t v) {  // as /proc/self/status shows a capability set
     char buf[20];
@@ -76,14 +78,20 @@ TEST(Privileges, InitTogglesAndAccounts) {
         gid_t groups[64];
         int n = getgroups(64, groups), root_group = 0;
         for (int i = 0; i < n; ++i) root_group |= groups[i] == 0;
-        return printf("%s | %d %u %u %d %s %s", s.c_str(), rc, getuid(), getgid(), root_group, caps("CapEff").c_str(),
-                      caps("CapPrm").c_str()), 0;
+        s += " | " + std::to_string(rc) + " " + std::to_string(getuid()) + " " + std::to_string(getgid()) + " " +
+             std::to_string(root_group) + " " + caps("CapEff") + " " + caps("CapPrm");
+        // What the agent then runs with, in force for every scan thread it starts.
+        rc = rta_keep_agent_privileges();
+        return printf("%s | %d %s %s", s.c_str(), rc, caps("CapEff").c_str(), caps("CapPrm").c_str()), 0;
     });
-    // Dropping from the bounding set needs CAP_SETPCAP.
-    const std::string all = hex(kKept), ptrace = hex(bit(CAP_SYS_PTRACE)), file = hex(kFileAndSetid);
+    // Dropping from the bounding set needs CAP_SETPCAP. Once the account is switched, the
+    // right to change ids is gone: it would be as good as root.
+    const std::string all = hex(kKept), proc = hex(kProcOwner), file = hex(kFileAndSetid);
+    const std::string switched = hex(bit(CAP_DAC_READ_SEARCH)) + " " + hex(kKept & ~(bit(CAP_SETUID) | bit(CAP_SETGID)));
     EXPECT_EQ(c.out + c.err, all + " " + all + " " + hex(bounding & bit(CAP_SETPCAP) ? kKept & bounding : bounding) +
-                                 " | " + ptrace + " " + hex(0) + " " + file + " " + all + " " + ptrace + " " + all +
-                                 " " + file + " | 1 65534 65534 0 " + file + " " + all);
+                                 " | " + proc + " " + hex(0) + " " + file + " " + all + " " + proc + " " + all +
+                                 " " + file + " | 1 65534 65534 0 " + switched + " | 1 " + hex(kAgent) + " " +
+                                 hex(kAgent));
 
     c = run_in_child([] {
         int unknown = rta_relinquish_root("no_such_account_vx"), root = rta_am_i_quorbex("root");
