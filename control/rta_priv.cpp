@@ -127,15 +127,19 @@ int priv_off_proc() { return set_effective(kProcOwner, 2, CAP_CLEAR); }
 
 int rta_keep_agent_privileges() {
     cap_t cur = cap_get_proc();
-    if (!cur) return 0;
     cap_t keep = cap_init();
+    if (!cur || !keep) {
+        if (cur) cap_free(cur);
+        if (keep) cap_free(keep);
+        return 0;
+    }
     for (cap_value_t c : kAgent) {
         cap_flag_value_t permitted = CAP_CLEAR;
         if (cap_get_flag(cur, c, CAP_PERMITTED, &permitted) != 0 || permitted != CAP_SET) continue;
         cap_set_flag(keep, CAP_PERMITTED, 1, &c, CAP_SET);
         cap_set_flag(keep, CAP_EFFECTIVE, 1, &c, CAP_SET);
     }
-    int rc = keep ? cap_set_proc(keep) : -1;
+    int rc = cap_set_proc(keep);
     cap_free(keep);
     cap_free(cur);
     return rc == 0 ? 1 : 0;
