@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -40,8 +41,9 @@ bool file_exists(const char* path) {
 // The lock file this agent published, known by its inode: a lock that someone replaced
 // since (after deleting ours as stale) belongs to another agent and stays. The descriptor
 // is held for the agent's life so that the inode number cannot pass to another file.
+// The stop thread may read it while the start writes it: fd is published last.
 struct OwnLock {
-    int fd = -1;
+    std::atomic<int> fd{-1};
     dev_t dev = 0;
     ino_t ino = 0;
 };
@@ -219,9 +221,10 @@ int rta_write_lockfile(RtaCmdline* record) {
     }
     int fd = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     struct stat st;
-    if (fd >= 0 && fstat(fd, &st) == 0) {
-        if (own_lock.fd >= 0) close(own_lock.fd);
-        own_lock = OwnLock{fd, st.st_dev, st.st_ino};
+    if (fd >= 0 && fstat(fd, &st) == 0 && own_lock.fd.load() < 0) {
+        own_lock.dev = st.st_dev;
+        own_lock.ino = st.st_ino;
+        own_lock.fd.store(fd, std::memory_order_release);
     } else if (fd >= 0) {
         close(fd);
     }
@@ -230,7 +233,7 @@ int rta_write_lockfile(RtaCmdline* record) {
 
 void rta_remove_own_lockfile(const char* path) {
     struct stat st;
-    if (own_lock.fd < 0 || lstat(path, &st) != 0) return;
+    if (own_lock.fd.load(std::memory_order_acquire) < 0 || lstat(path, &st) != 0) return;
     if (st.st_dev == own_lock.dev && st.st_ino == own_lock.ino) unlink(path);
 }
 
