@@ -7,6 +7,7 @@
 #include <ctime>
 #include <thread>
 
+#include "agent/rtdc_clock.h"
 #include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
 #include "agent/rtdc_server.h"
@@ -38,7 +39,7 @@ int setup_snapshot(int send) {
     FirstPass = 1;
     FirstBuffer = 1;
     if (verbose_flag) RTDCAppendLog("CollectAndTransmit \n");
-    timestamp = time(nullptr);
+    timestamp = rtdc_now();
     if (verbose_flag)
         rtdc_logf("CollectAndTrans: Call Snapshot (thread: %ld) \n",
                   static_cast<long>(pthread_self()));

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "agent/rtdc_clock.h"
 #include "agent/rtdc_globals.h"
 #include "control/rta_cmdline.h"
 
@@ -33,7 +34,7 @@ bool ensure_log_open() {
 // Request threads recompute the name at the start of every connection, so the computation
 // and the switch to the new day's file happen under logfile_mutex.
 int make_log_name(const char* node_name, char* path_out, bool vms_form, bool close_old) {
-    time_t now = time(nullptr);
+    time_t now = rtdc_now();
     struct tm tmv;
     localtime_r(&now, &tmv);
     std::lock_guard<std::mutex> lock(logfile_mutex);
@@ -74,7 +75,7 @@ int TimeString(time_t when, char* out) {
 
 void RTDCAppendLog(const char* text) {
     std::lock_guard<std::mutex> lock(logfile_mutex);
-    time_t now = time(nullptr);
+    time_t now = rtdc_now();
     if (!ensure_log_open()) return;
     char stamp[80];
     TimeString(now, stamp);

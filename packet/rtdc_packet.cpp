@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/rtdc_clock.h"
 #include "agent/rtdc_connection.h"
 #include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
@@ -105,7 +106,7 @@ int rtdc_packetize_data(char** headers, int header_count, char** buffers, int bu
     int number = PacketNumber.load(std::memory_order_relaxed);
     if (number > kPacketNumberLimit) number = 1;
     char when[80];
-    TimeString(time(nullptr), when);
+    TimeString(rtdc_now(), when);  // the second the packet is made in
     char head[256];
     int head_len = snprintf(head, sizeof head,
                             "<START>\n<PACKET>\n%d\n</PACKET>\n<TIME>\n%s\n</TIME>\n"

@@ -11,6 +11,7 @@
 
 #include "agent/rtdc_log.h"
 #include "control/rta_cmdline.h"
+#include "support/second_boundary.h"
 
 namespace {
 
@@ -64,6 +65,28 @@ TEST_F(LogTest, EntriesAreStampedWholeLinesFromManyThreads) {
     ASSERT_EQ(lines.size(), 200u);
     std::regex entry(R"(^\S+ \d\d:\d\d:\d\d \d\d-[A-Za-z]{3}-\d{4} : thread \d entry \d+$)");
     for (const auto& line : lines) EXPECT_TRUE(std::regex_match(line, entry)) << line;
+}
+
+TEST_F(LogTest, EntryAtTheTurnOfASecondNamesThatSecond) {
+    get_log_file_name_unix("host5", logfilec);
+    std::vector<std::pair<std::string, std::string>> made_in;  // {first, last} possible stamps
+    for (int tick = 0; tick < 3; ++tick) {
+        const time_t woke = vorntest::wake_on_next_second();
+        RTDCAppendLog("tick\n");
+        const time_t done = vorntest::precise_second();
+        char first[80], last[80];
+        TimeString(woke, first);
+        TimeString(done, last);
+        made_in.emplace_back(first, last);
+    }
+    RTDCCloseLog();
+    auto lines = read_lines(logfilec);
+    ASSERT_EQ(lines.size(), made_in.size());
+    for (size_t i = 0; i < lines.size(); ++i) {
+        const std::string stamp = lines[i].substr(0, lines[i].find(" : "));
+        EXPECT_TRUE(stamp == made_in[i].first || stamp == made_in[i].second)
+            << stamp << " written in " << made_in[i].first;
+    }
 }
 
 TEST_F(LogTest, BannerWriterAddsNoStamp) {

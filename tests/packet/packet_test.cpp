@@ -13,9 +13,11 @@
 #include <vector>
 
 #include "agent/rtdc_globals.h"
+#include "agent/rtdc_log.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_packet.h"
 #include "packet/rtdc_snapshot.h"
+#include "support/second_boundary.h"
 
 namespace {
 
@@ -81,6 +83,22 @@ TEST_F(Framing, LengthPrefixIsZeroPaddedAndNeverTruncated) {
     EXPECT_EQ(rtdc_packetize_data(nullptr, 0, lines, 1, out.data(), 100), 0);
     EXPECT_EQ(out[0], '\0');
     EXPECT_EQ(PacketNumber, number);  // not used up
+}
+
+TEST_F(Framing, TimeIsTheSecondThePacketIsMadeIn) {
+    // The tick wakes exactly as the second turns and packetizes at once: the packet must
+    // not name the second before. Several wake-ups, as one may land after a clock update.
+    for (int tick = 0; tick < 3; ++tick) {
+        const time_t woke = vorntest::wake_on_next_second();
+        const std::string body = Pack({}).second;
+        const time_t done = vorntest::precise_second();
+        char first[80], last[80];
+        TimeString(woke, first);
+        TimeString(done, last);
+        const size_t from = body.find("<TIME>\n") + 7;
+        const std::string when = body.substr(from, body.find('\n', from) - from);
+        EXPECT_TRUE(when == first || when == last) << when << " made in " << first;
+    }
 }
 
 // A socket pair whose every write arrives as one record, showing how the text was cut.
