@@ -229,8 +229,9 @@ int rta_parse_command_line(char** argv, int argc, RtaCmdline* record) {
 
     for (int i = 1; i < argc; ++i) {
         const char* arg = argv[i];
-        // The value options read the following argument. When it is missing, -port,
-        // -port_rtdc and -update are ignored; the others report the missing argument.
+        // The value options read the following argument. When it is missing, -port and
+        // -port_rtdc are ignored, -update asks for the usage text (an update with no root
+        // must not fall through to starting an agent), and the others report it.
         const char* next = (i + 1 < argc) ? argv[i + 1] : nullptr;
         const bool next_is_value = next != nullptr && next[0] != '-';
 
@@ -265,6 +266,8 @@ int rta_parse_command_line(char** argv, int argc, RtaCmdline* record) {
                 ++i;
                 record->update = 1;
                 copy_field(record->install_dir, next);
+            } else {
+                record->usage = 1;
             }
         } else if (unix_option_compare(arg, "-rootdir", 4)) {
             if (!next_is_value) {

@@ -81,10 +81,12 @@ TEST(CommandLine, ValueOptionsAndCollectList) {
               "70000 3000 -7 15 1agent");
     for (const char* bad : {"0", "100000", "99999", "abc"})  // the value is consumed, start not set
         EXPECT_EQ(acts(parse({"-port", bad})) + std::to_string(parse({"-port", bad}).rec.port), "00002101") << bad;
-    // As the last argument these have nothing to read and are ignored.
-    for (const char* opt : {"-port", "-port_rtdc", "-update"}) {
+    // As the last argument the ports have nothing to read and are ignored; an update with no
+    // root asks for the usage text, whatever else was asked for.
+    for (auto [opt, actions] : {std::pair{"-port", "0010"}, {"-port_rtdc", "0010"}, {"-update", "0011"}}) {
         Parsed q = parse({"-stop", opt});
-        EXPECT_EQ(digits({q.result, q.rec.port, q.rec.port_rtdc, q.rec.update}, " ") + acts(q), "1 2101 2102 00010")
+        EXPECT_EQ(digits({q.result, q.rec.port, q.rec.port_rtdc, q.rec.update}, " ") + acts(q),
+                  std::string("1 2101 2102 0") + actions)
             << opt;
     }
     Parsed upd = parse({"-update", "/new/root"});

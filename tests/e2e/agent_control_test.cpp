@@ -177,6 +177,10 @@ TEST(AgentControl, UsageAndArgumentErrors) {
     auto usage = run_agent(root, {"-bogus"});
     EXPECT_EQ(usage.exit_code, 0);
     EXPECT_NE(usage.out.find("\nUsage\t:\n\n"), std::string::npos) << usage.out;
+    // An update with no root starts nothing, even with the options that start an agent.
+    auto update = run_agent(root, {"-nofork", "-port", std::to_string(free_port()), "-update"}, 5);
+    EXPECT_EQ(update.exit_code, 0);
+    EXPECT_NE(update.out.find("\nUsage\t:\n\n"), std::string::npos) << update.out;
     auto missing = run_agent(root, {"-logdir"});
     EXPECT_EQ(missing.exit_code, 0);
     EXPECT_NE(missing.err.find("-logdir option requires an argument\n"), std::string::npos);
