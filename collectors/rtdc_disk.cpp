@@ -18,6 +18,8 @@
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_snapshot.h"
 
+int DiskCount = 0;
+
 namespace {
 constexpr const char* kClass = "Disk";
 
@@ -58,6 +60,7 @@ void relist() {
         if (instance->table) listed.push_back(instance);
     }
     listed_once = true;
+    DiskCount = static_cast<int>(listed.size());
 }
 
 platform::DiskIo growth(const platform::DiskIo& now, const platform::DiskIo& before) {
@@ -140,5 +143,6 @@ void rtdc_disk_reset_for_tests() {
     instances.clear();
     devices.clear();
     listed_once = false;
+    DiskCount = 0;
     failures.ok();
 }

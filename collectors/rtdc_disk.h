@@ -14,6 +14,9 @@ struct DiskState {
     platform::DiskIo io;
 };
 
+/// How many disks the last header pass announced.
+extern int DiskCount;
+
 /// Fills one disk record: operations and bytes of the interval (not divided by its
 /// length), queue lengths; nothing below 0. Returns 1.
 int PerfDisk(const DiskState* state, DiskRecord* record);

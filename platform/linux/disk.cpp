@@ -56,12 +56,18 @@ bool parse_line(std::string_view line, DiskDevice& device) {
     return true;
 }
 
-// Every host lists its ram and loop devices whether or not they are in use; an idle one
-// is noise, a used one (an image mounted from a file) is a real disk.
+// Devices made of memory or of a file rather than a disk: the kernel lists them all as soon
+// as their driver is loaded (16 ram disks, 8 loop devices, a zram device set up for
+// compressed swap), whether or not anything uses them.
+constexpr std::string_view kMemoryBackedPrefixes[] = {"ram", "loop", "zram"};
+
+// An idle one is noise; a used one (an image mounted from a file, swap in zram) is a disk.
 bool idle_pseudo_device(const DiskDevice& device) {
+    if (device.io.reads != 0 || device.io.writes != 0) return false;
     std::string_view name(device.name);
-    bool pseudo = name.starts_with("ram") || name.starts_with("loop");
-    return pseudo && device.io.reads == 0 && device.io.writes == 0;
+    for (std::string_view prefix : kMemoryBackedPrefixes)
+        if (name.starts_with(prefix)) return true;
+    return false;
 }
 
 }  // namespace

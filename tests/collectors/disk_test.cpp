@@ -24,16 +24,46 @@ TEST_F(DiskClass, CapturedHostCountsPerIntervalIntoTheRecordTheTreeReads) {
 TEST_F(DiskClass, DevicesComeAtAHeaderPassAndLeaveAtTheNext) {
     // Before any header pass the list is made and the totals since boot go out.
     EXPECT_EQ(on("captured-1", 0).data.at(0).substr(0, 10), "1=59421.00");
-    EXPECT_EQ(on("captured-1", 1).headers.size(), 2 * 5u);  // vda and zram0, five lines each
-    EXPECT_EQ(on("new-disk", 0).data.size(), 2u);           // sdb, sdb1 and loop1 wait for a header
-    EXPECT_EQ(on("new-disk", 1).headers.size(), 5 * 5u);
+    EXPECT_EQ(on("captured-1", 1).headers.size(), 5u);  // vda, five lines; idle zram0 is left out
+    EXPECT_EQ(DiskCount, 1);
+    EXPECT_EQ(on("new-disk", 0).data.size(), 1u);  // sdb, sdb1 and loop1 wait for a header
+    EXPECT_EQ(on("new-disk", 1).headers.size(), 4 * 5u);
+    EXPECT_EQ(DiskCount, 4);
     EXPECT_EQ(values(on("new-disk", 0))[kSdb + "Total Operations"], "0.00");
     Lines gone = on("captured-2", 0);  // sdb, sdb1 and loop1 are gone
-    EXPECT_EQ(gone.data.size(), 5u);   // still announced, with no activity
+    EXPECT_EQ(gone.data.size(), 4u);   // still announced, with no activity
     EXPECT_EQ(values(gone)[kSdb + "Total Operations"], "0.00");
-    EXPECT_EQ(on("captured-2", 1).headers.size(), 2 * 5u);
+    EXPECT_EQ(on("captured-2", 1).headers.size(), 5u);
+    EXPECT_EQ(DiskCount, 1);
     EXPECT_EQ(values(on("captured-2", 0)).count(kSdb + "Total Operations"), 0u);
     EXPECT_EQ(run(GetDiskClassInfo, 0, 0, "mounts-1"), 0);  // no diskstats at all
+}
+
+TEST_F(DiskClass, IdleDevicesOfMemoryOrFilesAreLeftOutUsedOnesAreDisks) {
+    TempTree tree;
+    platform::set_roots(tree.roots());
+    struct Device {
+        std::string name;
+        bool did_io, listed;
+    };
+    const Device devices[] = {{"ram0", false, false},  {"loop0", false, false},
+                              {"zram0", false, false}, {"ram1", true, true},
+                              {"loop1", true, true},   {"zram1", true, true},
+                              {"sda", false, true},    {"nvme0n1", false, true}};
+    std::string text, expected;
+    for (const Device& d : devices) {
+        text +=
+            " 1 0 " + d.name + (d.did_io ? " 1 0 8 0 1 0 8 0 0 1 1\n" : " 0 0 0 0 0 0 0 0 0 0 0\n");
+        if (d.listed) expected += d.name + ";";
+    }
+    tree.write("proc/diskstats", text);
+    const std::string prefix = "Disk~^1~^->", name_row = "->Name::";
+    std::string names;
+    for (const std::string& h : on(nullptr, 1).headers)
+        if (size_t end = h.find(name_row); end != std::string::npos)
+            names += h.substr(prefix.size(), end - prefix.size()) + ";";
+    EXPECT_EQ(names, expected);
+    EXPECT_EQ(DiskCount, 5);
 }
 
 TEST_F(DiskClass, CountersAndQueuesThatStepBackGiveZero) {

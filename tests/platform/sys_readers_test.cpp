@@ -89,7 +89,7 @@ class Readers : public vorntest::RootsTest {};
 // a trailing blank. cpu-*: user includes nice, kernel
 // is system + irq + softirq + steal, clocks come from cpufreq, else cpuinfo; cpu2 of cpu-smp-1
 // is off line; cpu-long-stat has no host-wide line. captured-*: real hosts (free memory is
-// MemAvailable, idle loop devices are left out, "\040" in a mount point is a blank).
+// MemAvailable, idle loop and zram devices are left out, "\040" in a mount point is a blank).
 // short-files: an old kernel's short, cut and malformed lines. net-reordered: protocol
 // columns added in front and moved, a UdpLite table with Udp's names, octets past 2^63.
 TEST_F(Readers, TreesReadAsRecorded) {
