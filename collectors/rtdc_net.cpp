@@ -73,7 +73,8 @@ platform::NetProtoCounters growth(const platform::NetProtoCounters& now,
                        &N::ip_in_receives,    &N::ip_out_discards,      &N::ip_in_delivers,
                        &N::ip_in_discards,    &N::ip_in_unknown_protos, &N::ip_forw_datagrams,
                        &N::ip_in_addr_errors, &N::ip_in_hdr_errors,     &N::ip_in_octets,
-                       &N::ip_out_octets,     &N::udp_out_datagrams,    &N::udp_in_datagrams})
+                       &N::ip_out_octets,     &N::udp_out_datagrams,    &N::udp_in_datagrams,
+                       &N::tcp_data_sent,     &N::ip6_in_octets,        &N::ip6_out_octets})
         delta(field);
     d.tcp_curr_estab = now.tcp_curr_estab;  // a level, reported as it stands
     return d;
@@ -87,18 +88,19 @@ int PerfNet(const platform::NetProtoCounters* delta, double seconds, NetRecord* 
     auto rate = [seconds](uint64_t events) { return rtdc_per_second_ll(events, seconds); };
     v[kTcpSent] = rate(d.tcp_out_segs);
     v[kTcpReceived] = rate(d.tcp_in_segs);
-    // The kernel keeps no byte total per protocol; IP octets are the nearest figure.
-    v[kTcpBytesSent] = rate(d.ip_out_octets);
-    v[kTcpBytesReceived] = rate(d.ip_in_octets);
-    v[kSentData] = 0;  // segments are not counted by kind when sent
-    v[kSentAck] = 0;
+    // The kernel keeps no byte total per protocol; the octets of IP, over both address
+    // families, are the nearest figure.
+    v[kTcpBytesSent] = rate(d.ip_out_octets + d.ip6_out_octets);
+    v[kTcpBytesReceived] = rate(d.ip_in_octets + d.ip6_in_octets);
+    v[kSentData] = rate(d.tcp_data_sent);
+    v[kSentAck] = 0;  // the kernel counts neither ACK-only nor urgent segments sent
     v[kSentUrg] = 0;
     v[kSentRetrans] = rate(d.tcp_retrans_segs);
     v[kRecvInOrder] = rate(d.tcp_in_order);
     v[kRecvOutOfOrder] = rate(d.tcp_out_of_order);
     v[kRecvDuplicate] = rate(d.tcp_dup_received);
     v[kRecvAck] = rate(d.tcp_acks_received);
-    v[kRecvDupAck] = 0;
+    v[kRecvDupAck] = 0;  // nor duplicate ACKs received
     v[kConnections] =
         d.tcp_curr_estab > INT64_MAX ? INT64_MAX : static_cast<int64_t>(d.tcp_curr_estab);
     v[kActive] = rate(d.tcp_active_opens);

@@ -22,6 +22,7 @@ struct NetProtoCounters {
     uint64_t tcp_out_of_order = 0;   // segments queued out of order
     uint64_t tcp_dup_received = 0;   // duplicate segments received (reported back as DSACK)
     uint64_t tcp_acks_received = 0;  // pure and fast-path ACKs received
+    uint64_t tcp_data_sent = 0;      // segments sent carrying new data (not retransmissions)
     // IP
     uint64_t ip_out_requests = 0;
     uint64_t ip_in_receives = 0;
@@ -34,13 +35,16 @@ struct NetProtoCounters {
     uint64_t ip_in_hdr_errors = 0;
     uint64_t ip_in_octets = 0;
     uint64_t ip_out_octets = 0;
+    // IPv6 (zero on a kernel without IPv6)
+    uint64_t ip6_in_octets = 0;
+    uint64_t ip6_out_octets = 0;
     // UDP
     uint64_t udp_out_datagrams = 0;
     uint64_t udp_in_datagrams = 0;
 };
 
 /// Fills `out`; false (errno set) when the main protocol table cannot be read. A missing
-/// extension table leaves its counters at 0.
+/// extension or IPv6 table leaves its counters at 0.
 bool read_net(NetProtoCounters& out);
 
 }  // namespace platform

@@ -1,8 +1,10 @@
-// /proc/net/snmp and /proc/net/netstat.
+// /proc/net/snmp, /proc/net/netstat and /proc/net/snmp6.
 //
-// Both files hold pairs of lines with the same prefix: "Tcp: RtoAlgorithm RtoMin ..." names
-// the columns and the next "Tcp: 1 200 ..." gives their values. Columns are added between
-// kernel versions (Ip OutTransmits, many TcpExt fields), so values are found by name.
+// The first two hold pairs of lines with the same prefix: "Tcp: RtoAlgorithm RtoMin ..."
+// names the columns and the next "Tcp: 1 200 ..." gives their values. Columns are added
+// between kernel versions (Ip OutTransmits, many TcpExt fields), so values are found by
+// name. snmp6 has one "Ip6InOctets  128" line per counter. TCP itself keeps one set of
+// counters for both address families; IP keeps one per family.
 #include "platform/net.h"
 
 #include <cerrno>
@@ -50,8 +52,19 @@ constexpr Field kFields[] = {
     {"TcpExt", "TCPDSACKOfoSent", &NetProtoCounters::tcp_dup_received, true},
     {"TcpExt", "TCPPureAcks", &NetProtoCounters::tcp_acks_received, true},
     {"TcpExt", "TCPHPAcks", &NetProtoCounters::tcp_acks_received, true},
+    {"TcpExt", "TCPOrigDataSent", &NetProtoCounters::tcp_data_sent, false},
     {"IpExt", "InOctets", &NetProtoCounters::ip_in_octets, false},
     {"IpExt", "OutOctets", &NetProtoCounters::ip_out_octets, false},
+};
+
+struct Field6 {
+    std::string_view name;
+    uint64_t NetProtoCounters::*target;
+};
+
+constexpr Field6 kFields6[] = {
+    {"Ip6InOctets", &NetProtoCounters::ip6_in_octets},
+    {"Ip6OutOctets", &NetProtoCounters::ip6_out_octets},
 };
 
 const Field* find_field(std::string_view prefix, std::string_view name) {
@@ -114,6 +127,20 @@ void parse_table(std::string_view text, NetProtoCounters& out) {
     }
 }
 
+// "Name value" lines; a line whose value is not a number is skipped.
+void parse_snmp6(std::string_view text, NetProtoCounters& out) {
+    while (!text.empty()) {
+        std::string_view line = next_line(text);
+        std::string_view name = next_token(line);
+        for (const Field6& f : kFields6) {
+            if (f.name != name) continue;
+            uint64_t v;
+            if (procfs::parse_u64(next_token(line), v)) out.*(f.target) = v;
+            break;
+        }
+    }
+}
+
 procfs::ProcFile& snmp_file() {
     static procfs::ProcFile file("net/snmp");
     return file;
@@ -121,6 +148,11 @@ procfs::ProcFile& snmp_file() {
 
 procfs::ProcFile& netstat_file() {
     static procfs::ProcFile file("net/netstat");
+    return file;
+}
+
+procfs::ProcFile& snmp6_file() {  // absent when the kernel has no IPv6
+    static procfs::ProcFile file("net/snmp6");
     return file;
 }
 
@@ -135,6 +167,7 @@ bool read_net(NetProtoCounters& out) {
     NetProtoCounters counters;
     parse_table(text, counters);
     if (netstat_file().read(text)) parse_table(text, counters);
+    if (snmp6_file().read(text)) parse_snmp6(text, counters);
     out = counters;
     return true;
 }

@@ -4,6 +4,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "support/collector_harness.h"
 
 using namespace vorntest;
@@ -104,6 +107,63 @@ TEST_F(RateClasses, LiveLoopbackBurstShowsInConnectionRates) {
     EXPECT_GE(atoi(now["Network->TCP->Connections Opened->Active"].c_str()), 50);
     EXPECT_GE(atoi(now["Network->TCP->Connections Opened->Passive"].c_str()), 50);
     EXPECT_GE(atoi(now["Network->TCP->Packet Rate->Sent"].c_str()), 3 * 50);  // the handshakes
+}
+
+// Streams `bytes` over one TCP connection of ours on ::1, in one thread with bounded polls;
+// returns how many arrived, 0 when the host has no IPv6 loopback.
+size_t loopback6_stream(size_t bytes) {
+    sockaddr_in6 addr{};
+    addr.sin6_family = AF_INET6;
+    addr.sin6_addr = in6addr_loopback;
+    auto* any = reinterpret_cast<sockaddr*>(&addr);
+    socklen_t len = sizeof addr;
+    int listener = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0), server = -1, client = -1;
+    if (listener >= 0 && bind(listener, any, len) == 0 && listen(listener, 1) == 0 &&
+        getsockname(listener, any, &len) == 0) {
+        client = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (client >= 0) connect(client, any, len);
+        pollfd incoming{listener, POLLIN, 0};
+        if (client >= 0 && poll(&incoming, 1, 2000) == 1)
+            server = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    }
+    std::vector<char> chunk(1 << 16, 'v');
+    size_t sent = 0, arrived = 0;
+    while (server >= 0 && arrived < bytes) {
+        pollfd ends[2] = {{client, static_cast<short>(sent < bytes ? POLLOUT : 0), 0},
+                          {server, POLLIN, 0}};
+        if (poll(ends, 2, 2000) <= 0) break;
+        if (ends[0].revents & POLLOUT) {
+            ssize_t n =
+                send(client, chunk.data(), std::min(chunk.size(), bytes - sent), MSG_NOSIGNAL);
+            if (n > 0) sent += static_cast<size_t>(n);
+        }
+        if (ends[1].revents & POLLIN) {
+            ssize_t n = recv(server, chunk.data(), chunk.size(), 0);
+            if (n <= 0) break;
+            arrived += static_cast<size_t>(n);
+        }
+    }
+    for (int fd : {server, client, listener})
+        if (fd >= 0) close(fd);
+    return arrived;
+}
+
+TEST_F(RateClasses, LiveIpv6StreamShowsInByteAndDataSegmentRates) {
+    platform::set_roots(platform::Roots{});
+    fake_now = 500;
+    pass(GetNetClassInfo, 1);
+    pass(GetNetClassInfo, 0);
+    constexpr size_t kBytes = 4u << 20;
+    const size_t arrived = loopback6_stream(kBytes);
+    if (arrived == 0) GTEST_SKIP() << "this host has no IPv6 loopback";
+    ASSERT_EQ(arrived, kBytes);
+    fake_now = 501;  // one second: the rates are the counts themselves
+    auto now = values(pass(GetNetClassInfo, 0));
+    // Loopback: every byte is counted once going out and once coming in, headers on top.
+    EXPECT_GE(std::stoull(now["Network->TCP->Data Rate->Sent"]), kBytes);
+    EXPECT_GE(std::stoull(now["Network->TCP->Data Rate->Received"]), kBytes);
+    // Segments of new data; even the largest loopback segments are fewer than 128 kB each.
+    EXPECT_GE(std::stoull(now["Network->TCP->Sent Packets Breakdown->Data"]), kBytes >> 17);
 }
 
 }  // namespace

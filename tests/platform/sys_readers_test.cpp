@@ -70,10 +70,12 @@ std::string ReadAll(bool clocks) {
                      F(n, tcp_active_opens) + F(n, tcp_passive_opens) + F(n, tcp_attempt_fails) +
                      F(n, tcp_estab_resets) + F(n, tcp_curr_estab) + F(n, tcp_in_order) +
                      F(n, tcp_out_of_order) + F(n, tcp_dup_received) + F(n, tcp_acks_received) +
-                     "\nip" + F(n, ip_out_requests) + F(n, ip_in_receives) + F(n, ip_out_discards) +
+                     F(n, tcp_data_sent) + "\nip" + F(n, ip_out_requests) + F(n, ip_in_receives) +
+                     F(n, ip_out_discards) +
                      F(n, ip_in_delivers) + F(n, ip_in_discards) + F(n, ip_in_unknown_protos) +
                      F(n, ip_forw_datagrams) + F(n, ip_in_addr_errors) + F(n, ip_in_hdr_errors) +
-                     F(n, ip_in_octets) + F(n, ip_out_octets) + "\nudp" + F(n, udp_out_datagrams) +
+                     F(n, ip_in_octets) + F(n, ip_out_octets) + F(n, ip6_in_octets) +
+                     F(n, ip6_out_octets) + "\nudp" + F(n, udp_out_datagrams) +
                      F(n, udp_in_datagrams) + "\n"
                : "no net\n";
     std::vector<MountEntry> mounts(1, MountEntry{"stale", "stale", "stale"});
@@ -91,7 +93,10 @@ class Readers : public vorntest::RootsTest {};
 // is off line; cpu-long-stat has no host-wide line. captured-*: real hosts (free memory is
 // MemAvailable, idle loop and zram devices are left out, "\040" in a mount point is a blank).
 // short-files: an old kernel's short, cut and malformed lines. net-reordered: protocol
-// columns added in front and moved, a UdpLite table with Udp's names, octets past 2^63.
+// columns added in front and moved, a UdpLite table with Udp's names, octets past 2^63, an
+// IPv6 table with its octets out of order, a name without a value, a negative value and a
+// longer name that begins with a wanted one.
+// short-files has no IPv6 table at all.
 TEST_F(Readers, TreesReadAsRecorded) {
     for (std::string tree :
          {"cpu-smp-1", "cpu-smp-2", "cpu-long-stat", "cpu-captured", "captured-1", "captured-2",
