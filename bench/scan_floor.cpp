@@ -171,6 +171,7 @@ struct Floor {
     KeptFile diskstats{"/proc/diskstats"};
     KeptFile snmp{"/proc/net/snmp"};
     KeptFile netstat{"/proc/net/netstat"};
+    KeptFile snmp6{"/proc/net/snmp6"};
     Lines out;
     char buf[8192];
 
@@ -238,10 +239,14 @@ struct Floor {
             {"TcpExt:", "TCPOFOQueue"},     {"TcpExt:", "TCPDSACKOldSent"},
             {"TcpExt:", "TCPDSACKOfoSent"}, {"TcpExt:", "TCPPureAcks"},
             {"TcpExt:", "TCPHPAcks"},       {"TcpExt:", "TCPHPHits"},
+            {"TcpExt:", "TCPOrigDataSent"},
         };
         for (const auto& [proto, name] : kExt)
             out.put(static_cast<int64_t>(table_value(x, proto, name)));
-        for (int i = 0; i < 4; ++i) out.put(0);
+        std::string_view v6 = snmp6.read();
+        for (std::string_view key : {"Ip6OutOctets", "Ip6InOctets"})
+            out.put(static_cast<int64_t>(keyed(v6, key)));
+        for (int i = 0; i < 3; ++i) out.put(0);
     }
 
     void file_systems() {
