@@ -9,6 +9,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "agent/rtdc_clock.h"
 #include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_expdef.h"
@@ -136,7 +137,7 @@ void rtal_set_clock(time_t (*now)()) {
 
 time_t rtal_now() {
     time_t (*now)() = alert_clock.load();
-    return now ? now() : time(nullptr);
+    return now ? now() : rtdc_now();
 }
 
 void rtal_free_alert(ExceptionObject* alert) {

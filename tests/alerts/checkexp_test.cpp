@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "alert_test_util.h"
+#include "support/second_boundary.h"
 
 namespace alert_test {
 namespace {
@@ -44,6 +45,16 @@ TEST_F(CheckExpTest, RaisesAfterTheDurationStaysQuietClearsAndRearms) {
     ASSERT_EQ(alerts.size(), 5u);
     EXPECT_NE(alerts[0].metric, leaf->data);
     EXPECT_EQ(alerts[0].metric->instances, leaf->data->instances);
+}
+
+TEST(AlertClock, ChecksAtTheTurnOfASecondReadThatSecond) {
+    // The checks run on the tick, which wakes exactly as the second turns; the times an
+    // alert carries (its run's start, when it was raised) must not name the second before.
+    rtal_set_clock(nullptr);
+    for (int tick = 0; tick < 3; ++tick) {
+        const time_t woke = vorntest::wake_on_next_second();
+        EXPECT_GE(rtal_now(), woke);
+    }
 }
 
 TEST_F(CheckExpTest, ConditionsCompareAsWrittenNaNSatisfiesOnlyNotEqual) {
