@@ -1,5 +1,7 @@
 #include "agent/rtdc_log.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -14,6 +16,11 @@ int logfile_yday = -1;
 
 namespace {
 FILE* log_stream = nullptr;
+// Bytes in the open day's file. Past the limit only a notice an hour is written, so whatever
+// consoles send, the log cannot fill the disk it shares with the agent's other files.
+long log_bytes = 0;
+long log_limit = kDefaultLogLimit;
+time_t last_full_notice = 0;
 // Once the log could not be opened the agent says so once and then stays silent: a full
 // or read-only log directory must not turn into a flood on standard error.
 bool log_open_failed = false;
@@ -28,7 +35,28 @@ bool ensure_log_open() {
         log_open_failed = true;
         return false;
     }
+    // An agent restarted during the day goes on counting from what the file already holds.
+    struct stat st;
+    log_bytes = fstat(fileno(log_stream), &st) == 0 ? static_cast<long>(st.st_size) : 0;
+    last_full_notice = 0;
     return true;
+}
+
+// Caller holds logfile_mutex and has an open stream. True when an entry of `length` bytes
+// still fits the day's file; once it does not, the notice is written at most once an hour.
+bool room_for(size_t length, time_t now) {
+    if (log_bytes + static_cast<long>(length) <= log_limit) return true;
+    if (last_full_notice != 0 && now - last_full_notice < 3600) return false;
+    last_full_notice = now;
+    char stamp[80];
+    TimeString(now, stamp);
+    int n = fprintf(log_stream,
+                    "%s : VORNRTA-W-LOGFULL:  the log file reached its limit of %ld bytes; only"
+                    " this notice is written, once an hour, until the next day's file\n",
+                    stamp, log_limit);
+    if (n > 0) log_bytes += n;
+    fflush(log_stream);
+    return false;
 }
 
 // Request threads recompute the name at the start of every connection, so the computation
@@ -79,6 +107,9 @@ void RTDCAppendLog(const char* text) {
     if (!ensure_log_open()) return;
     char stamp[80];
     TimeString(now, stamp);
+    const size_t length = strlen(stamp) + 3 + strlen(text);
+    if (!room_for(length, now)) return;
+    log_bytes += static_cast<long>(length);
     fputs(stamp, log_stream);
     fputs(" : ", log_stream);
     fputs(text, log_stream);
@@ -100,9 +131,15 @@ void RTDCAppendLogNoTs(const char* format, ...) {
     if (!ensure_log_open()) return;
     va_list ap;
     va_start(ap, format);
-    vfprintf(log_stream, format, ap);
+    int n = vfprintf(log_stream, format, ap);
     va_end(ap);
+    if (n > 0) log_bytes += n;
     fflush(log_stream);
+}
+
+void rtdc_set_log_limit(long bytes) {
+    std::lock_guard<std::mutex> lock(logfile_mutex);
+    log_limit = bytes;
 }
 
 int RTDCCloseLog() {
@@ -116,5 +153,6 @@ void rtdc_log_reset_for_tests() {
     RTDCCloseLog();
     std::lock_guard<std::mutex> lock(logfile_mutex);
     log_open_failed = false;
+    log_limit = kDefaultLogLimit;
     logfile_yday = -1;
 }

@@ -22,6 +22,9 @@ void rtdc_logf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 /// printf-style entry without timestamp and without the lock; start banner only.
 void RTDCAppendLogNoTs(const char* format, ...) __attribute__((format(printf, 1, 2)));
 int RTDCCloseLog();
+/// A day's log file holds at most this many bytes; then a notice an hour, nothing more.
+inline constexpr long kDefaultLogLimit = 100L * 1024 * 1024;
+void rtdc_set_log_limit(long bytes);
 /// "%Z %T %d-%b-%Y" of the local time into out (at least 80 bytes). Returns 1.
 int TimeString(time_t when, char* out);
 

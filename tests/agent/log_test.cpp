@@ -111,6 +111,30 @@ TEST_F(LogTest, UnwritableDirectoryComplainsOnceThenStaysSilent) {
                        ", No such file or directory \n");
 }
 
+// A day's file stops growing at its limit, counting what it held before the agent started;
+// past it only one notice is written within the hour.
+TEST_F(LogTest, ADaysFileStopsAtItsLimitWithOneNotice) {
+    get_log_file_name_unix("host5", logfilec);
+    { std::ofstream(logfilec) << std::string(1000, 'o') << "\n"; }
+    rtdc_set_log_limit(4000);
+    for (int i = 0; i < 200; ++i) rtdc_logf("entry %03d %s\n", i, std::string(40, 'x').c_str());
+    RTDCCloseLog();
+    auto lines = read_lines(logfilec);
+    struct stat st;
+    ASSERT_EQ(stat(logfilec, &st), 0);
+    EXPECT_LE(st.st_size, 4000 + 200);
+    EXPECT_GE(st.st_size, 4000 - 100);
+    int notices = 0, entries = 0;
+    for (const auto& line : lines) {
+        notices += line.find("VORNRTA-W-LOGFULL:  the log file reached its limit of 4000 bytes") != std::string::npos;
+        entries += line.find(" : entry ") != std::string::npos;
+    }
+    EXPECT_EQ(notices, 1);
+    EXPECT_GT(entries, 20);
+    EXPECT_LT(entries, 60);
+    EXPECT_NE(lines.back().find("LOGFULL"), std::string::npos) << "nothing after the notice";
+}
+
 TEST(TimeStringTest, ZoneTimeAndDate) {
     char out[80];
     EXPECT_EQ(TimeString(0, out), 1);
