@@ -38,7 +38,7 @@ struct RtaCmdline {
     int32_t reserved2;
     char hostname[32];
     char user[32];
-    char address[512];
+    char address[512];  // the address the request server binds (ADDRESS~)
     char lock_file[512];
     char log_file[512];
     char java_log_file[512];
@@ -50,6 +50,7 @@ struct RtaCmdline {
     char log_dir[512];
     char tmp_dir[512];
     char settings_dir[512];
+    char allow[512];  // consoles allowed to connect (ALLOW~); empty allows everyone
 };
 
 extern RtaCmdline rta_cmdline;

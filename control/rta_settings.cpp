@@ -29,6 +29,15 @@ bool is_blank(char c) { return c == ' ' || c == '\t'; }
 // A text value: everything after the key, minus its last character (the line end).
 void store_path_value(char* field, size_t cap, const char* value) { rta::copy_value(field, cap, value); }
 
+// A value read like USER~: blanks and the line end around it removed. The agent checks it
+// when it starts.
+void store_trimmed_value(char* field, size_t cap, const char* value) {
+    char text[kSettingsLine];
+    copy_text(text, sizeof text, value);
+    LibTrim2(text);
+    copy_text(field, cap, text);
+}
+
 }  // namespace
 
 int get_quorbex_root(char* buffer) {
@@ -111,6 +120,10 @@ int rta_parse_startup_file(RtaCmdline* record) {
             copy_text(user, sizeof user, v + 5);
             LibTrim2(user);
             copy_field(record->user, user);
+        } else if ((v = strstr(line, "ADDRESS~"))) {
+            store_trimmed_value(record->address, sizeof record->address, v + 8);
+        } else if ((v = strstr(line, "ALLOW~"))) {
+            store_trimmed_value(record->allow, sizeof record->allow, v + 6);
         } else {
             continue;
         }

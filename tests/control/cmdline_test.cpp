@@ -203,6 +203,25 @@ TEST(SettingsFile, ReaderAndWriter) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Writing config file " + t.path + "/missing/" + name + " \n");
 }
 
+// The two keys of who may connect are read like USER~ (trimmed, found anywhere in a line) and
+// never written: the writer keeps to its seven keys.
+TEST(SettingsFile, AddressAndAllowAreReadButNeverWritten) {
+    EXPECT_STREQ(default_record().address, "0.0.0.0");
+    EXPECT_STREQ(default_record().allow, "");
+    Parsed r = read_settings("ADDRESS~ 127.0.0.1 \r\n# ALLOW~10.0.0.0/8, 192.168.1.7  10.9.9.9\t\nRTA_PORT~3101\n");
+    EXPECT_EQ(std::string(r.rec.address) + "|" + r.rec.allow + "|" + std::to_string(r.rec.port),
+              "127.0.0.1|10.0.0.0/8, 192.168.1.7  10.9.9.9|3101");
+    TempDir t;
+    snprintf(r.rec.settings_dir, sizeof r.rec.settings_dir, "%s", t.path.c_str());
+    snprintf(r.rec.user, sizeof r.rec.user, "agent");
+    r.rec.priority = 9, r.rec.verbose = 1, r.rec.scan = 5, r.rec.alerts = 0, r.rec.collect_process = 1;
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(rta_write_settings_file(&r.rec), 1);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(read_file(t / (std::string("rta_") + r.rec.hostname + ".config")),
+              read_file(kFixtures + "control/settings-written.config"));
+}
+
 TEST(InstallPaths, UpdateAndProgramLocation) {
     TempDir t;
     std::string root = t / "newroot";
