@@ -3,17 +3,22 @@
 // to the data connection is never closed here.
 #pragma once
 
+#include <chrono>
 #include <cstdio>
 
 class Connection {
 public:
-    Connection(int fd, const char* client);
+    using Clock = std::chrono::steady_clock;
+
+    /// Reads from the connection end at `deadline`: whatever the client sends, and however
+    /// slowly, the stream then reads as ended.
+    Connection(int fd, const char* client, Clock::time_point deadline);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// Opens the read stream. It sits on a duplicate of the descriptor, so releasing the
-    /// stream never closes a descriptor that now belongs to the data connection.
+    /// Opens the read stream. Releasing the stream never closes the descriptor, which may
+    /// by then belong to the data connection.
     bool open_stream();
     FILE* stream() const { return stream_; }
     int fd() const { return fd_; }
@@ -25,17 +30,28 @@ public:
     /// The descriptor becomes the data connection's; only the stream is released here.
     void keep_descriptor() { kept_ = true; }
 
+    /// Waits `seconds` before a reply's connection goes, so the console can read it; never
+    /// past the deadline.
+    void linger(int seconds) const;
+
     /// The connection served by the calling request thread (null outside one).
     static void bind_current(Connection* conn);
     static Connection* current();
 
 private:
+    static ssize_t read_until_deadline(void* self, char* buf, size_t size);
+
     int fd_;
+    Clock::time_point deadline_;
     FILE* stream_ = nullptr;
     char client_[64];
     bool closed_ = false;
     bool kept_ = false;
 };
+
+/// Lingers on the calling thread's connection (see Connection::linger); outside a request
+/// connection it simply sleeps.
+void rtdc_linger(int seconds);
 
 /// Closes the request connection (stream and descriptor) of a handler that ends its
 /// connection itself; harmless when it is closed again later.

@@ -11,6 +11,7 @@
 
 #include "agent/rtdc_connection.h"
 #include "agent/rtdc_globals.h"
+#include "agent/rtdc_lineread.h"
 #include "agent/rtdc_log.h"
 #include "agent/rtdc_server.h"
 #include "alerts/rtal_event.h"
@@ -26,7 +27,7 @@ constexpr const char* kTag = "VORNRTA-I-TAG:";
 // non-numeric line gives 0, as atoi does.
 int read_int_line(FILE* stream) {
     char line[256];
-    if (!fgets(line, sizeof line, stream)) return 0;
+    if (!rtdc_read_text_line(stream, line)) return 0;
     return atoi(line);
 }
 
@@ -87,7 +88,7 @@ int handle_alert_interval_request(FILE* stream, int fd, const char* client) {
     (void)client;
     rtdc_logf("%-20s <ALERT_INTERVAL> tag\n", kTag);
     char line[256];
-    while (fgets(line, sizeof line, stream)) {
+    while (rtdc_read_text_line(stream, line)) {
         if (strstr(line, "</ALERT_INTERVAL>")) break;
         // The range check applies to the value held before this line, so an out-of-range
         // value sent last stays in force until the next request.
@@ -96,7 +97,7 @@ int handle_alert_interval_request(FILE* stream, int fd, const char* client) {
         if (verbose_flag) rtdc_logf("%-20s <ALERT_INTERVAL> now %d\n", "VORNRTA-I-INTVL:", rtal_intvl.load());
     }
     rtal_expdef_check_defs(fd, 1);
-    sleep(2);
+    rtdc_linger(2);
     rtdc_close_request(stream, fd);
     return 1;
 }
@@ -118,7 +119,7 @@ int handle_desc_request(FILE* stream, int fd, const char* client) {
     rtal_counter = rtal_intvl.load();
     if (collect_started == 0) handle_rtmonitor_startup(fd);
     rtal_desc_action(fd);
-    sleep(5);
+    rtdc_linger(5);
     rtdc_close_request(stream, fd);
     return 1;
 }

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 
 #include "agent/rtdc_globals.h"
@@ -119,6 +120,11 @@ int start_daemon(const char* directory, int nice_value) {
 }
 
 void StartRTAgent(RtaCmdline* settings) {
+    std::string access_error;
+    if (!rtdc_setup_access(*settings, &access_error)) {
+        fprintf(stderr, "FATAL: %s\n", access_error.c_str());
+        exit(1);
+    }
     block_stop_signal();
     signal(SIGPIPE, SIG_IGN);
     get_log_file_name_unix(settings->hostname, logfilec);

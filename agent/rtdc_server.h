@@ -1,7 +1,9 @@
 // Request server, request handlers and the collection thread.
 #pragma once
 
+#include <chrono>
 #include <cstdio>
+#include <string>
 
 #include "control/rta_cmdline.h"
 
@@ -16,6 +18,12 @@ int local_sigaction(int sig, void (*handler)(int));
 int CreateISrvrSocket(int port);
 [[noreturn]] void Fallback();
 void* ProcessRequest(void* arg);
+/// Serves one accepted request connection until its request is done, its client ends the
+/// stream or `deadline` passes, whichever comes first. ProcessRequest's body.
+void rtdc_serve_request(int fd, const char* client, std::chrono::steady_clock::time_point deadline);
+/// Takes the bind address (ADDRESS~) and the consoles allowed (ALLOW~) from the settings.
+/// False, with *error saying what is wrong, when either is not valid.
+bool rtdc_setup_access(const RtaCmdline& settings, std::string* error);
 
 int set_data_startup_flags(int fd);
 int handle_data_request(FILE* stream, int fd, const char* client);

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "agent/rtdc_globals.h"
+#include "agent/rtdc_lineread.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_io.h"
 #include "alerts/rtal_rules.h"
@@ -41,13 +42,13 @@ const rtal::RuleReader kEventReader = {
 }  // namespace
 
 int handle_event_request(FILE* stream, int /*fd*/, const char* /*client*/) {
-    // Held for the whole read; the server's receive timeout on the request socket ends a
-    // client that stops sending, so the store is never held for ever.
+    // Held for the whole read; the request's deadline ends a client that stops sending or
+    // trickles, so the store is never held for long.
     std::lock_guard<std::mutex> lock(event_mutex);
     if (rtal::verbose()) rtdc_logf("%-20s <EVENT> tag \n", "VORNRTA-I-TAG:");
     while (no_events < kMaxEvents) {
-        // A read error (the receive timeout included) counts as end of stream.
-        if (!fgets(eventlist[no_events], sizeof eventlist[0], stream)) break;
+        // A read error, or the request's deadline, counts as end of stream.
+        if (!rtdc_read_text_line(stream, eventlist[no_events])) break;
         if (rtal::verbose()) rtdc_logf("%-20s %s \n", "VORNRTA-I-EVENTDEF:", eventlist[no_events]);
         no_events++;
         if (no_events == kMaxEvents) {
@@ -77,14 +78,16 @@ int handle_event_def_request(FILE* stream, int /*fd*/, const char* line, const c
         written += static_cast<long>(strlen(line));
     }
     char buf[512];
-    while (fgets(buf, sizeof buf, stream)) {
-        long len = static_cast<long>(strlen(buf));
+    size_t got = 0;
+    // The file keeps every byte of each line as it came.
+    while (rtdc_read_line(stream, buf, &got)) {
+        long len = static_cast<long>(got);
         if (written + len > kMaxEventDefBytes) {
             rtdc_logf("VORNRTA-E-EVENTDEF: %s: definition longer than %ld bytes, rest dropped\n",
                       path, kMaxEventDefBytes);
             break;
         }
-        fputs(buf, out);
+        fwrite(buf, 1, got, out);
         written += len;
     }
     if (!file.replace())
@@ -128,16 +131,14 @@ int rtal_event_getalert_action(int socket, const char* /*owner*/) {
 }
 
 void rtal_event_action(FILE* stream, const char* owner) {
-    char cut_owner[16];
-    rtal::copy_field(cut_owner, owner);
     {
         // The rules it makes join Expdef_list, which the evaluator walks: take its lock.
         std::lock_guard<std::mutex> lock(expdef_mutex);
         if (!Evntdef_list) {
             if (!CreateList(&Evntdef_list)) RTDCAppendLog("VORNRTA-E-MALLOC: CreateList: failed\n");
         } else {
-            rtal::remove_owner_rules(Evntdef_list, cut_owner);
+            rtal::remove_owner_rules(Evntdef_list, owner);
         }
     }
-    rtal::read_rules(stream, cut_owner, kEventReader);
+    rtal::read_rules(stream, owner, kEventReader);
 }

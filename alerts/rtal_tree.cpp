@@ -411,7 +411,6 @@ void Traverse_Tree_for_leaves(treeNode* node, TreeVisit visit, void* arg) {
 
 int rtal_create_root(const char* node_name) {
     if (Metric_Tree) return 1;
-    RTDCAppendLog("Fallback:  malloc  for MetricDescription\n");
     auto* md = static_cast<MetricDescription*>(calloc(1, sizeof(MetricDescription)));
     if (!md) {
         RTDCAppendLog("Fallback: malloc failed : metricdescription\n");
