@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
@@ -122,12 +123,13 @@ int condition_holds(const char* condition, double value, double limit) {
     return -1;
 }
 
-// Caller holds expdef_mutex; takes alert_mutex for the append (expdef before alert).
-bool queue_alert(ExceptionObject* alert) {
-    std::lock_guard<std::mutex> lock(alert_mutex);
-    if (!Alert_list && !CreateList(&Alert_list)) return false;
-    return AppendToList(&Alert_list, alert) == 1;
-}
+// The alerts waiting for each console, and whether its over-the-cap refusal has been logged
+// since it last collected. Guarded by alert_mutex.
+struct WaitingAlerts {
+    size_t count = 0;
+    bool refusal_logged = false;
+};
+std::unordered_map<std::string, WaitingAlerts> alerts_waiting;
 
 }  // namespace
 
@@ -138,6 +140,34 @@ void rtal_set_clock(time_t (*now)()) {
 time_t rtal_now() {
     time_t (*now)() = alert_clock.load();
     return now ? now() : rtdc_now();
+}
+
+int rtal_queue_alert(ExceptionObject* alert) {
+    std::lock_guard<std::mutex> lock(alert_mutex);
+    if (!Alert_list || !Alert_list->first) alerts_waiting.clear();
+    WaitingAlerts& waiting = alerts_waiting[alert->console];
+    if (waiting.count >= kMaxAlertsPerConsole) {
+        if (!waiting.refusal_logged)
+            rtdc_logf("VORNRTA-W-ALERTS:    console%s has %zu alerts waiting, as many as one"
+                      " console may; later alerts are refused until it collects them\n",
+                      alert->console, waiting.count);
+        waiting.refusal_logged = true;
+        rtal_free_alert(alert);
+        return 0;
+    }
+    if ((!Alert_list && !CreateList(&Alert_list)) || AppendToList(&Alert_list, alert) != 1) {
+        rtal_free_alert(alert);
+        return -1;
+    }
+    ++waiting.count;
+    return 1;
+}
+
+void rtal_alert_collected(const char* console) {
+    auto it = alerts_waiting.find(console);
+    if (it == alerts_waiting.end()) return;
+    if (it->second.count > 0) --it->second.count;
+    if (it->second.count < kMaxAlertsPerConsole) it->second.refusal_logged = false;
 }
 
 void rtal_free_alert(ExceptionObject* alert) {
@@ -160,6 +190,7 @@ int AllocateExceptionObject(ExceptionObject* rule, ExceptionObject** alert) {
     rtal::copy_field(copy->condition, rule->condition);
     rtal::copy_field(copy->owner, rule->owner);
     rtal::copy_field(copy->bound, rule->bound);
+    rtal::copy_field(copy->console, rule->console);
     copy->limit = rule->limit;
     copy->hours = rule->hours;
     copy->minutes = rule->minutes;
@@ -238,8 +269,9 @@ void CheckForAlert(int satisfied, ExceptionObject* rule, double value) {
                 return;
             }
             if (verbose) rtdc_logf("RTA-I-ADDALERT:  Add Alert %s\n", rule->exp_name);
-            if (!queue_alert(alert)) {
-                rtal_free_alert(alert);
+            // An alert refused for its console's full queue counts as raised: the rule goes
+            // on to its clearing alert as if the console had collected it.
+            if (rtal_queue_alert(alert) < 0) {
                 rule->active = 1;
                 rtdc_logf("RTA-E-ALLOC: Failed to append to alert list %s\n", rule->exp_name);
                 return;
@@ -267,9 +299,8 @@ void CheckForAlert(int satisfied, ExceptionObject* rule, double value) {
         if (trace)
             rtdc_logf("CheckForAlert  %s,  statistifed=0, RAISED, AddtoList.. ave: %f \n",
                       rule->name, rule->ave);
-        if (!queue_alert(alert)) {
+        if (rtal_queue_alert(alert) < 0) {
             rtdc_logf("VORNRTA-E-LIST: Failed to append to alert list: %s\n", rule->exp_name);
-            rtal_free_alert(alert);
             return;
         }
         rule->active = 1;

@@ -26,7 +26,7 @@ int rtal_getalert_action(int socket, const char* owner) {
         while (item) {
             ListItem* next = item->next;
             auto* alert = static_cast<ExceptionObject*>(item->data);
-            if (!alert || !rtal::owner_matches(alert->owner, owner)) {
+            if (!alert || !rtal::owner_matches(*alert, owner)) {
                 item = next;
                 continue;
             }
@@ -47,6 +47,7 @@ int rtal_getalert_action(int socket, const char* owner) {
                 return -1;
             }
             RemoveItem(Alert_list, item);
+            rtal_alert_collected(alert->console);
             rtal_free_alert(alert);
             item = next;
         }

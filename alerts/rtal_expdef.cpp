@@ -8,8 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string>
+#include <unordered_map>
 
 #include "agent/rtdc_globals.h"
+#include "agent/rtdc_lineread.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_io.h"
 #include "alerts/rtal_rules.h"
@@ -78,6 +81,7 @@ bool parse_rule_line(char* line, const char* owner, const RuleReader& reader, Ex
     copy_field(f.minutes, tok[5]);
     copy_field(f.descript, tok[6]);  // optional; keeps the line's own newline
     copy_field(f.owner, owner);
+    copy_field(f.console, owner);
     warn_if_not_number("limit", f.limit, f.exp_name);
     warn_if_not_number("duration hours", f.hours, f.exp_name);
     warn_if_not_number("duration minutes", f.minutes, f.exp_name);
@@ -89,6 +93,7 @@ void fill_rule(ExceptionObject* rule, const ExpdefFields& f, const char* name) {
     copy_field(rule->name, name);
     copy_field(rule->condition, f.condition);
     copy_field(rule->owner, f.owner);
+    copy_field(rule->console, f.console);
     copy_field(rule->descript, f.descript);
     rule->hours = duration_field(f.hours);
     rule->minutes = duration_field(f.minutes);
@@ -137,10 +142,50 @@ treeNode* resolve_and_pin(const char* path, std::unique_lock<std::mutex>& tree_l
     return node;
 }
 
-// Caller holds expdef_mutex.
-bool append_rule(ExceptionObject* rule) {
-    if (!Expdef_list && !CreateList(&Expdef_list)) return false;
-    return AppendToList(&Expdef_list, rule) == 1;
+// The rules each console holds, and whether its over-the-cap refusal has been logged since
+// its last <EXPDEF>. Guarded by expdef_mutex. A rule that leaves with its process is still
+// counted until the console's next <EXPDEF>, which starts its count afresh.
+struct HeldRules {
+    size_t count = 0;
+    bool refusal_logged = false;
+};
+std::unordered_map<std::string, HeldRules> rules_held;
+
+enum class Append { Added, Refused, Failed };
+
+// Caller holds expdef_mutex. True, after one log line per request, when the console holds
+// as many rules as it may.
+bool full_locked(const char* console) {
+    if (!Expdef_list || !Expdef_list->first) rules_held.clear();
+    HeldRules& held = rules_held[console];
+    if (held.count < kMaxRulesPerConsole) return false;
+    if (!held.refusal_logged)
+        rtdc_logf("VORNRTA-W-EXPDEF:    console%s holds %zu rules, as many as one console may;"
+                  " the rest are refused\n",
+                  console, held.count);
+    held.refusal_logged = true;
+    return true;
+}
+
+// Caller holds expdef_mutex. A refused rule is not appended; the caller frees it.
+Append append_rule(ExceptionObject* rule) {
+    if (full_locked(rule->console)) return Append::Refused;
+    if (!Expdef_list && !CreateList(&Expdef_list)) return Append::Failed;
+    if (AppendToList(&Expdef_list, rule) != 1) return Append::Failed;
+    ++rules_held[rule->console].count;
+    return Append::Added;
+}
+
+// A rule line of a console that is full refuses the rest of its request.
+bool console_full(const char* console) {
+    std::lock_guard<std::mutex> lock(expdef_mutex);
+    return full_locked(console);
+}
+
+bool console_refused(const char* console) {
+    std::lock_guard<std::mutex> lock(expdef_mutex);
+    auto it = rules_held.find(console);
+    return it != rules_held.end() && it->second.refusal_logged;
 }
 
 // A rule on one named node. False when the request must be abandoned.
@@ -165,9 +210,16 @@ bool bind_named_rule(const ExpdefFields& f) {
     rule->metric = node->data;
     copy_field(rule->bound, node->data->description);
     std::lock_guard<std::mutex> lock(expdef_mutex);
-    if (!append_rule(rule)) {
-        RTDCAppendLog("VORNRTA-E-MALLOC: AppendToList: failed\n");
-        free(rule);
+    switch (append_rule(rule)) {
+        case Append::Added:
+            return true;
+        case Append::Refused:
+            free(rule);
+            return false;
+        case Append::Failed:
+            RTDCAppendLog("VORNRTA-E-MALLOC: AppendToList: failed\n");
+            free(rule);
+            return true;
     }
     return true;
 }
@@ -197,16 +249,15 @@ bool bind_star_rule(const ExpdefFields& f, bool bind) {
         }
         // Holding tree_mutex already, so the unlocked walk; the visitor takes expdef_mutex.
         if (bind) TraverseTree(node->child, Add_leave_nodes_to_list, const_cast<ExpdefFields*>(&f));
+        if (bind && console_refused(f.console)) return false;
     }
     return true;
 }
 
 }  // namespace
 
-bool owner_matches(const char (&stored)[16], const char* owner) {
-    char cut[16];
-    copy_field(cut, owner);
-    return strcmp(stored, cut) == 0;
+bool owner_matches(const ExceptionObject& item, const char* owner) {
+    return strcmp(item.console, owner) == 0;
 }
 
 void remove_owner_rules(List* list, const char* owner) {
@@ -215,7 +266,7 @@ void remove_owner_rules(List* list, const char* owner) {
     while (item) {
         ListItem* next = item->next;
         auto* rule = static_cast<ExceptionObject*>(item->data);
-        if (rule && owner_matches(rule->owner, owner)) {
+        if (rule && owner_matches(*rule, owner)) {
             RemoveItem(list, item);
             free(rule);  // a rule's metric belongs to the tree
         }
@@ -225,26 +276,15 @@ void remove_owner_rules(List* list, const char* owner) {
 
 void read_rules(FILE* stream, const char* owner, const RuleReader& reader) {
     if (verbose()) RTDCAppendLog(reader.parse_list);
+    // A line longer than 511 characters is read as a rule of its first 511 characters and
+    // its rest as the following line or lines.
     char line[512];
-    bool continuation = false;
-    while (fgets(line, sizeof line, stream)) {
-        const size_t len = strlen(line);
-        const bool complete = len > 0 && line[len - 1] == '\n';
-        // The tail of a line longer than the 511 characters a rule may have: its pieces are
-        // not rules of their own.
-        if (continuation) {
-            continuation = !complete;
-            continue;
-        }
+    while (rtdc_read_text_line(stream, line)) {
         if (verbose()) rtdc_logf("%s%s\n", reader.read_prefix, line);
         if (strstr(line, reader.end_tag)) return;
-        if (!complete && !feof(stream)) {
-            RTDCAppendLog("VORNRTA-W-EXPDEF:    rule line longer than 511 characters ignored\n");
-            continuation = true;
-            continue;
-        }
         ExpdefFields f;
         if (!parse_rule_line(line, owner, reader, f)) continue;
+        if (console_full(owner)) return;
         const bool ok =
             strchr(f.name, '*') ? bind_star_rule(f, reader.bind_star) : bind_named_rule(f);
         if (!ok) return;  // the rest of the request stays unread
@@ -255,8 +295,6 @@ void read_rules(FILE* stream, const char* owner, const RuleReader& reader) {
 }  // namespace rtal
 
 void rtal_expdef_action(FILE* stream, const char* owner) {
-    char cut_owner[16];
-    rtal::copy_field(cut_owner, owner);
     {
         std::lock_guard<std::mutex> lock(expdef_mutex);
         if (!Expdef_list) {
@@ -266,10 +304,11 @@ void rtal_expdef_action(FILE* stream, const char* owner) {
             if (rtal::verbose())
                 RTDCAppendLog(
                     "VORNRTA-I-EXPDEF:    remove all entries from existing expdef list\n");
-            rtal::remove_owner_rules(Expdef_list, cut_owner);
+            rtal::remove_owner_rules(Expdef_list, owner);
         }
+        rtal::rules_held.erase(owner);
     }
-    rtal::read_rules(stream, cut_owner, rtal::kExpdefReader);
+    rtal::read_rules(stream, owner, rtal::kExpdefReader);
 }
 
 void Add_leave_nodes_to_list(treeNode* leaf, void* fields, void* /*unused*/) {
@@ -281,9 +320,16 @@ void Add_leave_nodes_to_list(treeNode* leaf, void* fields, void* /*unused*/) {
     rule->metric = leaf->data;
     rtal::copy_field(rule->bound, leaf->data->description);
     std::lock_guard<std::mutex> lock(expdef_mutex);
-    if (!rtal::append_rule(rule)) {
-        RTDCAppendLog("VORNRTA-E-FAIL:  Add exception definition failed \n");
-        free(rule);
+    switch (rtal::append_rule(rule)) {
+        case rtal::Append::Added:
+            break;
+        case rtal::Append::Refused:
+            free(rule);
+            break;
+        case rtal::Append::Failed:
+            RTDCAppendLog("VORNRTA-E-FAIL:  Add exception definition failed \n");
+            free(rule);
+            break;
     }
 }
 

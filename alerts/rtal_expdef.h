@@ -25,11 +25,14 @@ struct ExceptionObject {
     time_t last;
     double ave, min, max, sum;
     double limit;
-    char owner[16];
+    char owner[16];  // the console's address text cut to its field, as it is printed
     // The bound node's full path when the rule was bound. A process node can be removed and
     // its memory reused while the rule lives on; the evaluator checks the pointer against
     // the live tree and this path before it reads through `metric`.
     char bound[128];
+    // The console's whole address text. Rules and alerts belong to the console named here:
+    // owner alone would make 127.100.100.101 and 127.100.100.102 one console.
+    char console[64];
 };
 
 /// One parsed <EXPDEF> line, fixed fields in request order plus the owner.
@@ -42,7 +45,13 @@ struct ExpdefFields {
     char hours[12];
     char minutes[12];
     char owner[16];
+    char console[64];  // the whole address text owner is cut from
 };
+
+/// What one console may hold: rules bound for it, alerts waiting for it to collect them.
+/// What is over is refused, with one log line naming the console.
+inline constexpr size_t kMaxRulesPerConsole = 10000;
+inline constexpr size_t kMaxAlertsPerConsole = 10000;
 
 extern List* Expdef_list;  // guarded by expdef_mutex
 extern List* Alert_list;   // guarded by alert_mutex
@@ -55,6 +64,13 @@ int rtal_expdef_check_defs(int socket, int always);
 void rtal_checkexp();
 void CheckForAlert(int satisfied, ExceptionObject* rule, double value);
 int AllocateExceptionObject(ExceptionObject* rule, ExceptionObject** alert);
+/// Puts an alert on Alert_list for its console, taking it over: 1 queued; 0 refused, the
+/// console already has kMaxAlertsPerConsole waiting; -1 the list could not take it. A
+/// refused or failed alert is freed. Takes alert_mutex (after expdef_mutex when held).
+int rtal_queue_alert(ExceptionObject* alert);
+/// Forgets one collected alert of `console` in the count of waiting alerts. Caller holds
+/// alert_mutex.
+void rtal_alert_collected(const char* console);
 /// Frees an alert and its metric description copy. The copy shares the rule's instance list,
 /// which belongs to the tree and is left alone. Use it wherever an alert is dropped.
 void rtal_free_alert(ExceptionObject* alert);

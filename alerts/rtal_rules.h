@@ -20,14 +20,15 @@ struct RuleReader {
 };
 
 /// Reads rule lines from `stream` until the end tag or end of stream, binding each to the
-/// metric tree and appending it to Expdef_list under expdef_mutex. `owner` is already cut to
-/// its field. Stops at the first path that does not resolve.
+/// metric tree and appending it to Expdef_list under expdef_mutex. `owner` is the console's
+/// whole address text. Stops at the first path that does not resolve, and when the console
+/// holds as many rules as it may.
 void read_rules(FILE* stream, const char* owner, const RuleReader& reader);
 
 /// Removes and frees every rule of `owner` in `list`. Caller holds expdef_mutex.
 void remove_owner_rules(List* list, const char* owner);
 
-/// True when the stored owner field equals `owner` cut to the same width.
-bool owner_matches(const char (&stored)[16], const char* owner);
+/// True when a rule or alert belongs to the console whose address text is `owner`.
+bool owner_matches(const ExceptionObject& item, const char* owner);
 
 }  // namespace rtal

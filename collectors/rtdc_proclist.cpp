@@ -57,12 +57,8 @@ void close_rules_on(MetricDescription* md) {
             rule->metric = md;
             ExceptionObject* alert = nullptr;
             if (AllocateExceptionObject(rule, &alert)) {
-                std::lock_guard<std::mutex> alerts(alert_mutex);
-                if (!Alert_list) CreateList(&Alert_list);
-                if (!Alert_list || AppendToList(&Alert_list, alert) != 1) {
+                if (rtal_queue_alert(alert) < 0)
                     RTDCAppendLog("VORNRTA-E-LIST: Failed to append to alert list\n");
-                    rtal_free_alert(alert);
-                }
             } else {
                 rtal_free_alert(alert);
             }
