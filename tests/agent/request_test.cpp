@@ -66,6 +66,13 @@ TEST(LineReader, ALineIsEverythingUpToItsNewlineCutAtTheBuffer) {
     }
 }
 
+// Ends the console's side when a test leaves, so that a server still reading lets go and
+// the test fails instead of waiting on it for ever.
+struct Hangup {
+    int fd;
+    ~Hangup() { shutdown(fd, SHUT_RDWR); }
+};
+
 // Serves one request on one end of a socketpair; the test plays the console on the other.
 struct RequestServer : ::testing::Test {
     char dir[32] = "/tmp/vornreqXXXXXX";
@@ -117,6 +124,7 @@ struct RequestServer : ::testing::Test {
 TEST_F(RequestServer, ATricklingClientIsCutOffAtTheDeadlineKeepingWhatItSent) {
     auto start = Clock::now();
     auto done = serve(1500ms);
+    Hangup hangup{console};
     say("<EVENT>\n");
     int sent = 0;
     while (done.wait_for(100ms) != std::future_status::ready && Clock::now() - start < 6s) {
@@ -135,6 +143,7 @@ TEST_F(RequestServer, ATricklingClientIsCutOffAtTheDeadlineKeepingWhatItSent) {
 TEST_F(RequestServer, ASilentClientIsCutOffAtTheDeadline) {
     auto start = Clock::now();
     auto done = serve(800ms);
+    Hangup hangup{console};
     say("no tag yet\n");
     EXPECT_EQ(done.wait_for(5s), std::future_status::ready);
     EXPECT_LT(Clock::now() - start, 2s);
@@ -143,6 +152,7 @@ TEST_F(RequestServer, ASilentClientIsCutOffAtTheDeadline) {
 // An event line holding a NUL keeps its newline, so the reply stays one event a line.
 TEST_F(RequestServer, AnEventWithANulByteIsItsTextBeforeTheNul) {
     auto done = serve(5s);
+    Hangup hangup{console};
     say(std::string("<EVENT>\nab\0cd\nnext\n", 19));
     shutdown(console, SHUT_WR);
     ASSERT_EQ(done.wait_for(5s), std::future_status::ready);
@@ -154,6 +164,7 @@ TEST_F(RequestServer, AnEventWithANulByteIsItsTextBeforeTheNul) {
 // Every line before a tag is logged up to the first twenty; the rest are counted in one line.
 TEST_F(RequestServer, AConnectionsFirstLinesAreLoggedAndTheRestCounted) {
     auto done = serve(5s);
+    Hangup hangup{console};
     std::string garbage;
     for (int i = 0; i < 500; ++i) garbage += "garbage line " + std::to_string(i) + "\n";
     say(garbage);
