@@ -67,19 +67,4 @@ TEST(ReportLimiter, OnceAMinutePerAddressWithBoundedMemory) {
     EXPECT_FALSE(limiter.should_report(3, t0 + 63s));
 }
 
-TEST(ConnectionCounts, PerAddressAndInAll) {
-    ConnectionCounts counts;
-    using A = ConnectionCounts::Admit;
-    EXPECT_EQ(counts.admit(1, 2, 3), A::Yes);
-    EXPECT_EQ(counts.admit(1, 2, 3), A::Yes);
-    EXPECT_EQ(counts.admit(1, 2, 3), A::AddressFull);
-    EXPECT_EQ(counts.admit(2, 2, 3), A::Yes);
-    EXPECT_EQ(counts.admit(3, 2, 3), A::AllFull);
-    counts.release(1);
-    EXPECT_EQ(counts.total(), 2);
-    EXPECT_EQ(counts.admit(1, 2, 3), A::Yes);
-    counts.release(7);  // never admitted: nothing changes
-    EXPECT_EQ(counts.total(), 3);
-}
-
 }  // namespace
