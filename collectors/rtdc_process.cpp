@@ -38,6 +38,8 @@ struct ScanState {
     uint64_t hz = 100;
     int processors = 1;
     uint64_t cpu_ticks = 0;
+    int32_t looked_up_pid = -1;  // find_item's last answer
+    ProcListItem* looked_up = nullptr;
     // Processes to register in the metric tree once the dead have been taken out.
     std::vector<ProcessInfo*> unregistered;
     // Names whose tree node went this scan: the other processes of such a name lost their
@@ -67,10 +69,31 @@ void refresh_names(ProcessInfo& info, const platform::ProcessSample& sample, boo
     }
 }
 
+// The item of a pid, looked up once per process although both the reader's uid question
+// and the visit need it.
+ProcListItem* find_item(ScanState& s, int32_t pid) {
+    if (s.looked_up_pid != pid) {
+        s.looked_up_pid = pid;
+        GetFromProcList(proc_list[GetIndex(pid)], pid, &s.looked_up);
+    }
+    return s.looked_up;
+}
+
+// The real uid is read from status once per process; after that only a change of its
+// directory's owner (setuid, or turning non-dumpable) sends the reader back to status.
+bool known_uid(const platform::ProcessSample& sample, uint32_t& uid, void* arg) {
+    const ProcListItem* item = find_item(*static_cast<ScanState*>(arg), sample.pid);
+    if (!item || item->info->start_time != sample.start_time ||
+        item->info->owner != sample.owner)
+        return false;
+    uid = item->info->uid;
+    return true;
+}
+
 void visit(const platform::ProcessSample& sample, void* arg) {
     auto& s = *static_cast<ScanState*>(arg);
-    ProcListItem* item = nullptr;
-    GetFromProcList(proc_list[GetIndex(sample.pid)], sample.pid, &item);
+    ProcListItem* item = find_item(s, sample.pid);
+    s.looked_up_pid = -1;  // the item may be replaced below
 
     if (item && item->info->start_time != sample.start_time) {
         // The pid was reused: the process we knew is gone and this is another one.
@@ -87,6 +110,7 @@ void visit(const platform::ProcessSample& sample, void* arg) {
     }
     ProcessInfo& info = *item->info;
     item->seen = 1;
+    info.owner = sample.owner;
 
     if (is_new || strcmp(info.name, sample.name) != 0) {
         // A new process, or one that exec'd another program: its instances belong under
@@ -144,8 +168,10 @@ int scan(char** buffers, int* nbuffers) {
     s.unregistered.clear();
     s.dropped_names.clear();
 
+    s.looked_up_pid = -1;
+
     NullifyList();
-    if (platform::read_processes(visit, &s) < 0) {
+    if (platform::read_processes(visit, &s, known_uid) < 0) {
         // Keep what we know: sweeping now would report every process as gone.
         read_failures.fail("VORNRTA-E-PROC: cannot list the process directory\n");
         return 0;

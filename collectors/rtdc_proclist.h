@@ -17,6 +17,7 @@ struct ProcessInfo {
     char name[platform::kProcessNameMax];
     uint64_t start_time;  // with the pid, names one process: a reused pid is a new one
     uint32_t uid;         // the uid and terminal that user_name and tty_name were made from
+    uint32_t owner;       // its /proc directory's owner when uid was read from status
     int32_t tty_nr;
     int32_t in_tree;  // 1 once AddProcessCounter took it
     // Cumulative counters at the start of the current rate interval.

@@ -1,13 +1,16 @@
-// Per-process counters from /proc/<pid>/{stat,status,io}.
+// Per-process counters from /proc/<pid>/{stat,statm,io}, and status for the real uid.
 //
 // Cost matters here: with thousands of processes this is most of a scan. Each process gets
-// one directory descriptor, and its three files are opened relative to it, read once into
-// a buffer on this function's stack and closed at once, so nothing outlives the scan.
+// one directory descriptor, and its files are opened relative to it (so all of them belong
+// to the same process even if its pid is reused meanwhile), read once into a buffer on
+// this function's stack and closed at once, so nothing outlives the scan. status, the
+// dearest file, is read only when the caller does not already know the uid.
 #include "platform/process.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -134,6 +137,20 @@ bool parse_stat(std::string_view text, ProcessSample& out, int64_t page_kb) {
     return true;
 }
 
+// statm: "size resident shared text lib data dt", in pages. The kernel sums its per-CPU
+// counters for this file (as for status), while stat's rss may lag by many pages on a
+// multi-processor host; statm is what ps shows.
+bool parse_statm_resident(std::string_view text, int64_t& rss_kb, int64_t page_kb) {
+    const char* p = text.data();
+    const char* const end = p + text.size();
+    int64_t size, resident;
+    if (!take_number(p, end, size) || p >= end || *p != ' ') return false;
+    ++p;
+    if (!take_number(p, end, resident) || resident < 0) return false;
+    rss_kb = resident > INT64_MAX / page_kb ? INT64_MAX : resident * page_kb;
+    return true;
+}
+
 // The next line start after `p`, or `end`.
 const char* next_line_start(const char* p, const char* end) {
     const void* nl = memchr(p, '\n', static_cast<size_t>(end - p));
@@ -198,18 +215,30 @@ int64_t page_kilobytes() {
 
 // Reads one process whose directory is open as `dirfd`. False when it is gone (or its stat
 // is not a stat file).
-bool read_one(int dirfd, int32_t pid, ProcessSample& out, char* buf) {
+bool read_one(int dirfd, int32_t pid, ProcessSample& out, char* buf, KnownUid known_uid,
+              void* arg) {
     out = ProcessSample{};
     out.pid = pid;
+    struct stat dir_stat;
+    if (::fstat(dirfd, &dir_stat) != 0) return false;
+    out.owner = dir_stat.st_uid;
     ssize_t n = read_small(dirfd, "stat", buf, kReadBuffer);
     if (n <= 0) return false;
     out.sampled_at = seconds_since_boot();
     if (!parse_stat(std::string_view(buf, static_cast<size_t>(n)), out, page_kilobytes()))
         return false;
+    // Without statm (gone since stat was read, or a kernel that lacks it) stat's figure is
+    // the best there is.
+    n = read_small(dirfd, "statm", buf, kReadBuffer);
+    if (n > 0)
+        parse_statm_resident(std::string_view(buf, static_cast<size_t>(n)), out.rss_kb,
+                             page_kilobytes());
 
-    n = read_small(dirfd, "status", buf, kReadBuffer);
-    if (n <= 0 || !parse_status_uid(std::string_view(buf, static_cast<size_t>(n)), out.uid))
-        return false;
+    if (!known_uid || !known_uid(out, out.uid, arg)) {
+        n = read_small(dirfd, "status", buf, kReadBuffer);
+        if (n <= 0 || !parse_status_uid(std::string_view(buf, static_cast<size_t>(n)), out.uid))
+            return false;
+    }
 
     // An io file that cannot be read leaves the process in the scan with no I/O figures:
     // EACCES for another user's process when ptrace-level access is missing, ENOENT on
@@ -246,7 +275,7 @@ UserCache& user_cache() {
 
 }  // namespace
 
-int read_processes(ProcessVisitor visit, void* arg) {
+int read_processes(ProcessVisitor visit, void* arg, KnownUid known_uid) {
     DIR* dir = ::opendir(roots().proc.c_str());
     if (!dir) return -1;
     const int procfd = ::dirfd(dir);
@@ -258,7 +287,7 @@ int read_processes(ProcessVisitor visit, void* arg) {
         if (!parse_pid(entry->d_name, pid)) continue;
         int pidfd = ::openat(procfd, entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (pidfd < 0) continue;  // exited since the directory was listed
-        bool ok = read_one(pidfd, pid, sample, buf);
+        bool ok = read_one(pidfd, pid, sample, buf, known_uid, arg);
         ::close(pidfd);
         if (!ok) continue;
         visit(sample, arg);
@@ -275,7 +304,7 @@ bool read_process(int32_t pid, ProcessSample& out) {
     int pidfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (pidfd < 0) return false;
     char buf[kReadBuffer];
-    bool ok = read_one(pidfd, pid, out, buf);
+    bool ok = read_one(pidfd, pid, out, buf, nullptr, nullptr);
     ::close(pidfd);
     return ok;
 }

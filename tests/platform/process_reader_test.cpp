@@ -1,5 +1,6 @@
 // The process reader on a captured tree, and the names it gives terminals and users.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
@@ -32,13 +33,14 @@ TEST_F(FixtureProcesses, ReadsWholeProcessesOnly) {
     vorntest::use_fixture("process");
     const int64_t kb = sysconf(_SC_PAGESIZE) / 1024;
     const decltype(fields({})) rows[] = {
-        {1, "systemd", 0, 0, 0, 3, 20, 3492 * kb, 58, 179, 30769, 12, true, 1000000, 250000, 4000,
+        // The resident size is statm's, not stat's lagging one.
+        {1, "systemd", 0, 0, 0, 3, 20, 3000 * kb, 58, 179, 30769, 12, true, 1000000, 250000, 4000,
          1500, 5120000, 1024000},
         // The name runs to the last ')': its own parentheses and blanks stay in it and the
         // numbers after it are not shifted.
-        {42, "my prog) (x", 1, 34817, 1000, 5000, 25, 900 * kb, 250, 50, 1200, 7, true, 7, 8, 1, 2,
+        {42, "my prog) (x", 1, 34817, 1000, 5000, 25, 850 * kb, 250, 50, 1200, 7, true, 7, 8, 1, 2,
          512, 4096},
-        // No io file: the process stays, with no I/O figures.
+        // No io file: the process stays, with no I/O figures; no statm: stat's resident size.
         {777, "kworker/0:1-events", 2, 0, 0, 120, -51, 0, 0, 31, 0, 0, false, 0, 0, 0, 0, 0, 0}};
     // 4242 went before its stat, 4343 between stat and status; "self" and "stat" are not pids.
     std::map<int, ProcessSample> seen;
@@ -86,6 +88,32 @@ TEST_F(FixtureProcesses, NamesArriveWithoutControlCharacters) {
     ASSERT_TRUE(platform::read_disks(disks));
     for (const auto& d : disks) names += "|" + std::string(d.name);
     EXPECT_EQ(names, "ab?999=INJ?zz|tab?here??|/dev/x /mnt/a?999=INJ ext4|srv? /srv fuse.f?s|sd?[2J");
+}
+
+// A caller that already knows a process's uid spares its status file; the reader tells it
+// the directory's owner, so it can tell when to ask again.
+TEST_F(FixtureProcesses, StatusOnlyForUidsTheCallerDoesNotKnow) {
+    vorntest::use_fixture("process");
+    struct Known {
+        std::map<int, uint32_t> asked;  // pid -> the owner it was asked with
+        std::map<int, ProcessSample> seen;
+    } known;
+    auto uid_of = [](const ProcessSample& s, uint32_t& uid, void* arg) {
+        static_cast<Known*>(arg)->asked[s.pid] = s.owner;
+        if (s.pid != 1 && s.pid != 4343) return false;
+        uid = 4321;
+        return true;
+    };
+    auto keep = [](const ProcessSample& s, void* arg) { static_cast<Known*>(arg)->seen[s.pid] = s; };
+    // 4343, whose status is gone, is read whole from what the caller knows.
+    EXPECT_EQ(platform::read_processes(keep, &known, uid_of), 4);
+    EXPECT_EQ(known.seen.at(1).uid, 4321u);
+    EXPECT_EQ(known.seen.at(4343).uid, 4321u);
+    EXPECT_EQ(known.seen.at(42).uid, 1000u);  // from status
+    struct stat dir {};
+    ASSERT_EQ(stat((platform::roots().proc + "/42").c_str(), &dir), 0);
+    EXPECT_EQ(known.asked.at(42), dir.st_uid);
+    EXPECT_EQ(known.seen.at(42).owner, dir.st_uid);
 }
 
 TEST(ProcessNames, TerminalsAndUsers) {
