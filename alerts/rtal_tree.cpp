@@ -45,6 +45,13 @@ void free_description(MetricDescription* md) {
     free(md);
 }
 
+// Frees a description that was never attached, leaving its instance to the caller when the
+// instance is shared.
+void discard_description(MetricDescription* md, MetricInstance* shared) {
+    if (md && shared && md->instances) RemoveFromList(md->instances, shared);
+    free_description(md);
+}
+
 MetricInstance* new_instance(void* base, const char* name) {
     auto* inst = static_cast<MetricInstance*>(calloc(1, sizeof(MetricInstance)));
     if (!inst) return nullptr;
@@ -54,9 +61,10 @@ MetricInstance* new_instance(void* base, const char* name) {
 }
 
 // Builds the payload of one counter level: its path, the counter's attributes and one
-// instance. Null when memory runs out (already logged).
+// instance: `shared` when given (a process's instance, which its process node owns), else
+// a new one. Null when memory runs out (already logged).
 MetricDescription* counter_description(const CounterDef* counter, const char* path, void* base,
-                                       int byInstance, int instance) {
+                                       int byInstance, int instance, MetricInstance* shared) {
     auto* md = static_cast<MetricDescription*>(calloc(1, sizeof(MetricDescription)));
     if (!md) {
         RTDCAppendLog("AddMetricCounterNode: malloc failed : description\n");
@@ -70,14 +78,17 @@ MetricDescription* counter_description(const CounterDef* counter, const char* pa
     md->alertable = static_cast<uint32_t>(counter->is_counter);
     copy_field(md->unit, counter->units);
 
-    char inst_name[128];
-    if (byInstance)
-        snprintf(inst_name, sizeof inst_name, "%d", instance);
-    else
-        copy_field(inst_name, md->description);
-    MetricInstance* inst = new_instance(base, inst_name);
+    MetricInstance* inst = shared;
+    if (!inst) {
+        char inst_name[128];
+        if (byInstance)
+            snprintf(inst_name, sizeof inst_name, "%d", instance);
+        else
+            copy_field(inst_name, md->description);
+        inst = new_instance(base, inst_name);
+    }
     if (!inst || !CreateList(&md->instances) || !AppendToList(&md->instances, inst)) {
-        free(inst);
+        if (inst != shared) free(inst);
         free_description(md);
         RTDCAppendLog("AddMetricCounterNode: malloc failed : base \n");
         return nullptr;
@@ -111,13 +122,18 @@ treeNode* new_named_node(const char* name, treeNode* parent) {
     return fresh;
 }
 
-// The process-name nodes by path ("Process->name"), each with the pids its leaves carry.
-// Registering a process would otherwise search every process name and then every instance
-// of its name, which on a host with thousands of processes of one name is quadratic. Only
-// touched under tree_mutex; an entry goes when its node is freed.
+// The process-name nodes by path ("Process->name"), each with the instance of every pid its
+// leaves carry. Registering a process would otherwise search every process name and then
+// every instance of its name, which on a host with thousands of processes of one name is
+// quadratic. Only touched under tree_mutex; an entry goes when its node is freed.
+//
+// One process's instance is the same for all its counters (its record and its pid), so
+// the leaves of a process node share it instead of holding a copy each: the node owns the
+// instances, its leaves' lists only point at them. On a host with thousands of processes
+// these instances were most of the tree.
 struct ProcessNode {
     treeNode* node;
-    std::unordered_set<int> pids;
+    std::unordered_map<int, MetricInstance*> members;
 };
 
 std::unordered_map<std::string, ProcessNode>& process_nodes() {
@@ -125,11 +141,28 @@ std::unordered_map<std::string, ProcessNode>& process_nodes() {
     return *index;
 }
 
-void forget_if_process_node(const treeNode* node) {
+// Empties the instance lists below `first` and its later siblings without freeing what
+// they point at.
+void unlink_shared_instances(treeNode* first) {
+    for (treeNode* n = first; n; n = n->next) {
+        if (n->data && n->data->instances)
+            while (ListItem* item = n->data->instances->first) RemoveItem(n->data->instances, item);
+        unlink_shared_instances(n->child);
+    }
+}
+
+// A process node about to be freed takes its shared instances with it, after its leaves
+// let go of them.
+void release_if_process_node(treeNode* node) {
     auto& index = process_nodes();
-    if (index.empty() || !node->data) return;
+    if (index.empty() || !node->data || !node->parent || !node->parent->data ||
+        strcmp(node->parent->data->description, "Process") != 0)
+        return;
     auto it = index.find(node->data->description);
-    if (it != index.end() && it->second.node == node) index.erase(it);
+    if (it == index.end() || it->second.node != node) return;
+    unlink_shared_instances(node->child);
+    for (auto& member : it->second.members) free(member.second);
+    index.erase(it);
 }
 
 }  // namespace
@@ -224,8 +257,11 @@ int AddMetricNode(const char* name, treeNode* parent, treeNode** node) {
     return *node ? 1 : 0;
 }
 
-int AddMetricCounterNode(const CounterDef* counter, treeNode* parent, void* base, int byInstance,
-                         int instance) {
+namespace {
+
+// AddMetricCounterNode, with the instance of every new level either `shared` or made anew.
+int add_counter_node(const CounterDef* counter, treeNode* parent, void* base, int byInstance,
+                     int instance, MetricInstance* shared) {
     if (!counter) return 2;
     if (!parent) return 5;
     if (tracing())
@@ -246,7 +282,7 @@ int AddMetricCounterNode(const CounterDef* counter, treeNode* parent, void* base
                 continue;
             }
             MetricDescription* md =
-                counter_description(counter, candidate, base, byInstance, instance);
+                counter_description(counter, candidate, base, byInstance, instance, shared);
             if (!md) {
                 DestroyList(tokens);
                 return 2;
@@ -256,7 +292,7 @@ int AddMetricCounterNode(const CounterDef* counter, treeNode* parent, void* base
             if (!fresh) {
                 // Only the node itself failed: the counter is dropped quietly and the
                 // caller goes on with the next one.
-                free_description(md);
+                discard_description(md, shared);
                 DestroyList(tokens);
                 return 1;
             }
@@ -272,16 +308,24 @@ int AddMetricCounterNode(const CounterDef* counter, treeNode* parent, void* base
     // the same table twice gives it a second node.
     char path[128] = "";
     if (parent->data) join_path(path, parent->data->description, counter->name);
-    MetricDescription* md = counter_description(counter, path, base, byInstance, instance);
+    MetricDescription* md =
+        counter_description(counter, path, base, byInstance, instance, shared);
     if (!md) return 2;
     treeNode* fresh = nullptr;
     CreateNode(md, &fresh);
     if (!fresh) {
-        free_description(md);
+        discard_description(md, shared);
         return 2;
     }
     AddChild(fresh, parent);
     return 1;
+}
+
+}  // namespace
+
+int AddMetricCounterNode(const CounterDef* counter, treeNode* parent, void* base, int byInstance,
+                         int instance) {
+    return add_counter_node(counter, parent, base, byInstance, instance, nullptr);
 }
 
 int AddCounter(const char* className, const CounterDef* counters, void* base, treeNode* parent) {
@@ -307,16 +351,23 @@ int AddProcessCounter(const char* processName, const CounterDef* counters, void*
 
     char path[128];
     join_path(path, classNode->data->description, processName ? processName : "");
+    char pid_text[32];
+    snprintf(pid_text, sizeof pid_text, "%d", pid);
     auto& index = process_nodes();
     auto known = index.find(path);
     if (known == index.end()) {
         // Process nodes are made only here, so a name the index lacks has no node yet.
+        MetricInstance* inst = new_instance(base, pid_text);
+        if (!inst) return 2;
         treeNode* processNode = new_named_node(path, classNode);
-        if (!processNode) return 2;
-        index[path] = ProcessNode{processNode, {pid}};
+        if (!processNode) {
+            free(inst);
+            return 2;
+        }
+        index[path] = ProcessNode{processNode, {{pid, inst}}};
         for (const CounterDef* row = counters; row && row->id != 0; ++row) {
             if (row->is_counter != 1) continue;
-            int rc = AddMetricCounterNode(row, processNode, base, 1, pid);
+            int rc = add_counter_node(row, processNode, base, 1, pid, inst);
             if (rc != 1) return rc;
         }
         return 1;
@@ -325,23 +376,20 @@ int AddProcessCounter(const char* processName, const CounterDef* counters, void*
     // Another process of the same name: its values join the existing leaves as one more
     // instance, so a rule on the name watches the sum over all of them. A pid the node
     // already carries adds nothing.
-    if (!known->second.pids.insert(pid).second) return 1;
+    auto& members = known->second.members;
+    if (members.count(pid)) return 1;
+    MetricInstance* inst = new_instance(base, pid_text);
+    if (!inst) return 1;
+    members.emplace(pid, inst);
     treeNode* processNode = known->second.node;
-    char pid_text[32];
-    snprintf(pid_text, sizeof pid_text, "%d", pid);
     for (const CounterDef* row = counters; row && row->id != 0; ++row) {
         if (row->is_counter != 1) continue;
         char leaf_path[128];
         join_path(leaf_path, processNode->data->description, row->name);
         treeNode* leaf = find_in_subtree(processNode->child, leaf_path);
         if (!leaf) return 1;
-        MetricInstance* inst = new_instance(base, pid_text);
-        if (!inst) continue;
-        if (!leaf->data->instances && !CreateList(&leaf->data->instances)) {
-            free(inst);
-            continue;
-        }
-        if (!AppendToList(&leaf->data->instances, inst)) free(inst);
+        if (!leaf->data->instances && !CreateList(&leaf->data->instances)) continue;
+        AppendToList(&leaf->data->instances, inst);
     }
     return 1;
 }
@@ -360,8 +408,8 @@ int RemoveTree(treeNode* node) {
     // thousands of them and request threads run on small stacks.
     while (node) {
         treeNode* next = node->next;
+        release_if_process_node(node);
         RemoveTree(node->child);
-        forget_if_process_node(node);
         free_description(node->data);
         if (node == Metric_Tree) Metric_Tree = nullptr;
         free(node);

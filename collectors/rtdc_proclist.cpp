@@ -24,16 +24,15 @@ struct ProcSlot {
 };
 static_assert(offsetof(ProcSlot, item) == 0, "list data must be the start of the block");
 
-// Removes the instance of `pid` from a counter leaf. The instance is plain malloc'd data
-// that the list does not free on removal.
+// Removes the instance of `pid` from a counter leaf. The process node owns the instance
+// (its leaves share it) and frees it when the node goes.
 void remove_pid_instance(MetricDescription* md, int pid) {
     std::lock_guard<std::mutex> lock(tree_mutex);
     if (!md->instances) return;
     for (ListItem* it = md->instances->first; it; it = it->next) {
         auto* inst = static_cast<MetricInstance*>(it->data);
         if (inst && atoi(inst->name) == pid) {
-            RemoveFromList(md->instances, inst);
-            free(inst);
+            RemoveItem(md->instances, it);
             return;
         }
     }

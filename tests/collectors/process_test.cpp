@@ -257,6 +257,14 @@ TEST_F(ScriptedProc, ProcessesComingGoingAndChangingInTheTree) {
     EXPECT_EQ(n_rtdc_data_headers, 4 * (PROC_FIELDS() - 1));
     EXPECT_EQ(n_rtdc_data_buffers, 0);
     EXPECT_EQ(instances("twin"), (Names{"20", "21"}));
+    // A process's counters share one instance (its record and pid): no copy per counter.
+    std::map<std::string, std::set<MetricInstance*>> by_pid;
+    for (treeNode* leaf = find_node("Process->twin")->child; leaf; leaf = leaf->next)
+        for (ListItem* it = leaf->data->instances->first; it; it = it->next)
+            by_pid[static_cast<MetricInstance*>(it->data)->name].insert(
+                static_cast<MetricInstance*>(it->data));
+    EXPECT_EQ(by_pid.size(), 2u);
+    for (const auto& [pid, objects] : by_pid) EXPECT_EQ(objects.size(), 1u) << pid;
     // Room for less than one process: nothing is written rather than a part.
     std::vector<char*> lines(kMaxLines, nullptr);
     int count = kMaxLines - PROC_FIELDS() + 2;
