@@ -61,6 +61,14 @@ struct Entry {
     size_t length;
 };
 
+// The records of one array's 65,536 entries take 1 MiB. They come from calloc, whose
+// fresh pages are the system's zero pages until written: a host with a few hundred lines
+// a scan touches a few pages of them, not the whole table (a zero-initialised member array
+// had been written through, 2 MiB for the two arrays at any size of host).
+Entry* zeroed_entries() {
+    return static_cast<Entry*>(calloc(kMaxLines, sizeof(Entry)));
+}
+
 struct ArrayStore {
     char** lines;
     // Data lines are made every scan, so their blocks are worth keeping; header lines only
@@ -68,8 +76,8 @@ struct ArrayStore {
     // would otherwise sit unused between connections.
     bool keep_blocks;
     Store store;
-    Entry entries[kMaxLines];
-    int high = 0;  // entries at and above this index are clear
+    Entry* entries;  // kMaxLines records, or null when memory ran out: nothing is stored
+    int high = 0;    // entries at and above this index are clear
 
     // Forgets every line of the array: the records first, so that no stale record can
     // later match a string that malloc hands out at an address a returned block had.
@@ -81,18 +89,21 @@ struct ArrayStore {
 };
 
 ArrayStore& headers_store() {
-    static ArrayStore* s = new ArrayStore{rtdc_data_headers, false, {}, {}, 0};
+    static ArrayStore* s = new ArrayStore{rtdc_data_headers, false, {}, zeroed_entries(), 0};
     return *s;
 }
 ArrayStore& buffers_store() {
-    static ArrayStore* s = new ArrayStore{rtdc_data_buffers, true, {}, {}, 0};
+    static ArrayStore* s = new ArrayStore{rtdc_data_buffers, true, {}, zeroed_entries(), 0};
     return *s;
 }
 
+// The store of one of the two line arrays; null for any other array, and for those two
+// when their records could not be allocated (their lines are then plain malloc'd ones).
 ArrayStore* store_for(char* const* lines) {
-    if (lines == rtdc_data_headers) return &headers_store();
-    if (lines == rtdc_data_buffers) return &buffers_store();
-    return nullptr;
+    ArrayStore* a = nullptr;
+    if (lines == rtdc_data_headers) a = &headers_store();
+    if (lines == rtdc_data_buffers) a = &buffers_store();
+    return a && a->entries ? a : nullptr;
 }
 
 }  // namespace
