@@ -1,10 +1,10 @@
 // Per-process counters from /proc/<pid>/{stat,statm,io}, and status for the real uid.
 //
-// Cost matters here: with thousands of processes this is most of a scan. Each process gets
-// one directory descriptor, and its files are opened relative to it (so all of them belong
-// to the same process even if its pid is reused meanwhile), read once into a buffer on
-// this function's stack and closed at once, so nothing outlives the scan. status, the
-// dearest file, is read only when the caller does not already know the uid.
+// Cost matters here: with thousands of processes this is most of a scan, nearly all of it
+// in the kernel, so what counts is how many files are opened. Each file is opened relative
+// to the proc root's descriptor, read once into a buffer on this function's stack and
+// closed at once, so nothing outlives the scan. status, the dearest file, is read only when
+// the caller does not already know the uid.
 #include "platform/process.h"
 
 #include <dirent.h>
@@ -213,29 +213,60 @@ int64_t page_kilobytes() {
     return kb;
 }
 
-// Reads one process whose directory is open as `dirfd`. False when it is gone (or its stat
-// is not a stat file).
-bool read_one(int dirfd, int32_t pid, ProcessSample& out, char* buf, KnownUid known_uid,
-              void* arg) {
+// The files of one process, named relative to the proc root's descriptor ("1234/stat"):
+// one path walk each instead of a descriptor for the process's directory, which would cost
+// an open and a close more per process. Its files cannot mix two processes: a pid is
+// handed out again only after the kernel has gone round all the others.
+class ProcessFiles {
+  public:
+    ProcessFiles(int procfd, const char* pid_text) : procfd_(procfd) {
+        const size_t n = strnlen(pid_text, kPidText);
+        memcpy(path_, pid_text, n);
+        path_[n] = '\0';
+        file_ = path_ + n;
+    }
+    // The directory's owner: its process's effective uid, or root once it is non-dumpable.
+    bool owner(uint32_t& uid) const {
+        *file_ = '\0';
+        struct stat st;
+        if (::fstatat(procfd_, path_, &st, 0) != 0) return false;
+        uid = st.st_uid;
+        return true;
+    }
+    ssize_t read(const char* name, char* buf) const {
+        const size_t len = strlen(name);
+        file_[0] = '/';
+        memcpy(file_ + 1, name, len + 1);
+        return read_small(procfd_, path_, buf, kReadBuffer);
+    }
+
+  private:
+    static constexpr size_t kPidText = 12;  // "2147483647" and room to spare
+    int procfd_;
+    mutable char path_[kPidText + 16];  // "<pid>/<file>": the longest file is "status"
+    char* file_;
+};
+
+// Reads one process. False when it is gone (or its stat is not a stat file).
+bool read_one(const ProcessFiles& files, int32_t pid, ProcessSample& out, char* buf,
+              KnownUid known_uid, void* arg) {
     out = ProcessSample{};
     out.pid = pid;
-    struct stat dir_stat;
-    if (::fstat(dirfd, &dir_stat) != 0) return false;
-    out.owner = dir_stat.st_uid;
-    ssize_t n = read_small(dirfd, "stat", buf, kReadBuffer);
+    if (!files.owner(out.owner)) return false;
+    ssize_t n = files.read("stat", buf);
     if (n <= 0) return false;
     out.sampled_at = seconds_since_boot();
     if (!parse_stat(std::string_view(buf, static_cast<size_t>(n)), out, page_kilobytes()))
         return false;
     // Without statm (gone since stat was read, or a kernel that lacks it) stat's figure is
     // the best there is.
-    n = read_small(dirfd, "statm", buf, kReadBuffer);
+    n = files.read("statm", buf);
     if (n > 0)
         parse_statm_resident(std::string_view(buf, static_cast<size_t>(n)), out.rss_kb,
                              page_kilobytes());
 
     if (!known_uid || !known_uid(out, out.uid, arg)) {
-        n = read_small(dirfd, "status", buf, kReadBuffer);
+        n = files.read("status", buf);
         if (n <= 0 || !parse_status_uid(std::string_view(buf, static_cast<size_t>(n)), out.uid))
             return false;
     }
@@ -243,7 +274,7 @@ bool read_one(int dirfd, int32_t pid, ProcessSample& out, char* buf, KnownUid kn
     // An io file that cannot be read leaves the process in the scan with no I/O figures:
     // EACCES for another user's process when ptrace-level access is missing, ENOENT on
     // kernels without I/O accounting.
-    n = read_small(dirfd, "io", buf, kReadBuffer);
+    n = files.read("io", buf);
     if (n > 0) {
         out.has_io = true;
         parse_io(std::string_view(buf, static_cast<size_t>(n)), out);
@@ -285,11 +316,9 @@ int read_processes(ProcessVisitor visit, void* arg, KnownUid known_uid) {
     while (dirent* entry = ::readdir(dir)) {
         int32_t pid;
         if (!parse_pid(entry->d_name, pid)) continue;
-        int pidfd = ::openat(procfd, entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (pidfd < 0) continue;  // exited since the directory was listed
-        bool ok = read_one(pidfd, pid, sample, buf, known_uid, arg);
-        ::close(pidfd);
-        if (!ok) continue;
+        // A process that exited since the directory was listed fails one of its reads.
+        if (!read_one(ProcessFiles(procfd, entry->d_name), pid, sample, buf, known_uid, arg))
+            continue;
         visit(sample, arg);
         ++visited;
     }
@@ -298,14 +327,14 @@ int read_processes(ProcessVisitor visit, void* arg, KnownUid known_uid) {
 }
 
 bool read_process(int32_t pid, ProcessSample& out) {
-    char path[64];
-    snprintf(path, sizeof path, "%d", pid);
-    std::string dir = roots().proc + "/" + path;
-    int pidfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (pidfd < 0) return false;
+    if (pid <= 0) return false;
+    int procfd = ::open(roots().proc.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (procfd < 0) return false;
+    char pid_text[16];
+    snprintf(pid_text, sizeof pid_text, "%d", pid);
     char buf[kReadBuffer];
-    bool ok = read_one(pidfd, pid, out, buf, nullptr, nullptr);
-    ::close(pidfd);
+    bool ok = read_one(ProcessFiles(procfd, pid_text), pid, out, buf, nullptr, nullptr);
+    ::close(procfd);
     return ok;
 }
 
