@@ -47,6 +47,8 @@ int AddProcessCounter(const char* processName, const CounterDef* counters, void*
                       treeNode* root, int pid);
 /// The node "Process-><name>" that AddProcessCounter made, or null; takes `tree_mutex`.
 treeNode* FindProcessNode(const char* processName);
+/// The leaves of a process node share each process's instance with their siblings, and
+/// the process node owns those instances: remove the process node, never one of its leaves.
 int RemoveNode(treeNode* node);
 int RemoveTree(treeNode* node);
 using TreeVisit = void (*)(treeNode* leaf, void* arg, void* arg2);
