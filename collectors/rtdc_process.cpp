@@ -167,7 +167,6 @@ int scan(char** buffers, int* nbuffers) {
     s.cpu_ticks = 0;
     s.unregistered.clear();
     s.dropped_names.clear();
-
     s.looked_up_pid = -1;
 
     NullifyList();
