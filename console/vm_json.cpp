@@ -1,5 +1,6 @@
 #include "console/vm_json.h"
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -85,17 +86,12 @@ std::string json_quote(std::string_view text) {
 std::string shortest_number(double value) {
     char buf[64];
     // Whole numbers print without an exponent (90, not 9e+01): the agent's figures are
-    // counts and sizes far below where that loses precision.
-    if (value == std::floor(value) && std::fabs(value) < 1e15) {
-        std::snprintf(buf, sizeof buf, "%.0f", value);
-        return buf;
-    }
-    // Otherwise the shortest text that reads back the same: 12.5, not 12.500000000000000.
-    for (int precision = 1; precision <= 17; ++precision) {
-        std::snprintf(buf, sizeof buf, "%.*g", precision, value);
-        if (std::strtod(buf, nullptr) == value) break;
-    }
-    return buf;
+    // counts and sizes far below where that loses precision. Otherwise the shortest text
+    // that reads back the same: 12.5, not 12.500000000000000.
+    bool whole = value == std::floor(value) && std::fabs(value) < 1e15;
+    auto result = whole ? std::to_chars(buf, buf + sizeof buf, value, std::chars_format::fixed)
+                        : std::to_chars(buf, buf + sizeof buf, value);
+    return std::string(buf, result.ptr);
 }
 
 std::string json_number(double value) {

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <memory>
 
-#include "console/vm_cli.h"
+#include "console/vm_commands.h"
 
 namespace vornmon {
 namespace {
@@ -19,8 +19,11 @@ bool sort_key_for(int ch, SortKey* key) {
     static constexpr struct {
         char letter;
         SortKey key;
-    } kKeys[] = {{'c', SortKey::kCpu}, {'m', SortKey::kMemory}, {'p', SortKey::kPid},
-                 {'n', SortKey::kName}, {'i', SortKey::kIo}};
+    } kKeys[] = {{'c', SortKey::kCpu},
+                 {'m', SortKey::kMemory},
+                 {'p', SortKey::kPid},
+                 {'n', SortKey::kName},
+                 {'i', SortKey::kIo}};
     for (const auto& k : kKeys)
         if (ch == k.letter || ch == k.letter - 'a' + 'A') {
             *key = k.key;
@@ -28,7 +31,6 @@ bool sort_key_for(int ch, SortKey* key) {
         }
     return false;
 }
-
 
 std::atomic<int> g_stop{0};
 
@@ -120,142 +122,121 @@ void draw(const HostView* view, const std::string& source, SortKey sort, int scr
     refresh();
 }
 
-}  // namespace
-
-int run_top_screen(const Context& ctx, const TopOptions& o) {
-    DataStream stream(ctx.agent, o.interval, ctx.timeout_ms);
-    std::string err;
-    if (!stream.open(err)) return ctx.fail(err);
-
-    struct sigaction sa {};
-    sa.sa_handler = on_stop_signal;
-    sigemptyset(&sa.sa_mask);
-    struct sigaction old_int {
-    }, old_term{}, old_hup{};
-    sigaction(SIGINT, &sa, &old_int);
-    sigaction(SIGTERM, &sa, &old_term);
-    sigaction(SIGHUP, &sa, &old_hup);
-    g_stop.store(0);
-
-    Session session;
-    Reconnector reconnector(o.reconnect_s);
-    reconnector.connected();
+// What the live view shows and how.
+struct TopState {
     std::unique_ptr<HostView> view;
-    SortKey sort = o.sort;
+    SortKey sort = SortKey::kCpu;
     int scroll = 0;
-    int data_in_connection = 0;
     std::string status;
-    int result = kExitOk;
-    std::string final_error;
-    {
-        Screen screen;
-        draw(nullptr, ctx.agent.text(), sort, scroll, status);
-        while (!g_stop.load(std::memory_order_relaxed)) {
-            pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {stream.fd(), POLLIN, 0}};
-            int n = stream.is_open() ? 2 : 1;
-            int wait_ms =
-                stream.is_open() ? 1000 : std::clamp(reconnector.ms_until_due(), 10, 1000);
-            if (poll(fds, n, wait_ms) < 0 && errno != EINTR) break;
-            bool redraw = false;
-            for (int ch; (ch = getch()) != ERR;) {
-                redraw = true;
-                if (SortKey key; sort_key_for(ch, &key)) {
-                    sort = key;
-                    scroll = 0;
-                    continue;
-                }
-                switch (ch) {
-                    case 'q':
-                    case 'Q':
-                        g_stop.store(1);
-                        break;
-                    case 'r':
-                    case 'R':
-                        // Processes started after the header packet have no name on the wire;
-                        // a new data connection brings a header packet that names them.
-                        if (stream.open(err)) {
-                            session.reset();
-                            data_in_connection = 0;
-                            reconnector.connected();
-                            status = "reconnected";
-                        } else {
-                            status = "reconnecting: " + err;
-                            reconnector.lost();
-                        }
-                        break;
-                    case KEY_DOWN:
-                    case 'j':
-                        ++scroll;
-                        break;
-                    case KEY_UP:
-                    case 'k':
-                        scroll = std::max(0, scroll - 1);
-                        break;
-                    case KEY_NPAGE:
-                        scroll += std::max(1, LINES / 2);
-                        break;
-                    case KEY_PPAGE:
-                        scroll = std::max(0, scroll - std::max(1, LINES / 2));
-                        break;
-                    default:
-                        break;
-                }
-            }
-            if (view)
-                scroll =
-                    std::min(scroll, std::max(0, static_cast<int>(view->processes.size()) - 1));
-            if (!stream.is_open()) {
-                if (reconnector.given_up()) {
-                    result = kExitFailure;
-                    final_error = "the agent at " + ctx.agent.text() + " did not come back";
-                    break;
-                }
-                if (reconnector.due()) {
-                    if (stream.open(err)) {
-                        session.reset();
-                        data_in_connection = 0;
-                        reconnector.connected();
-                        status = "reconnected";
-                    } else {
-                        reconnector.failed_attempt();
-                        status = "reconnecting: " + err;
-                    }
-                    redraw = true;
-                }
-            }
-            while (stream.is_open()) {
-                Packet packet;
-                DataStream::Status st = stream.pump(packet, err);
-                if (st == DataStream::Status::kIdle) break;
-                Sample sample;
-                if (st == DataStream::Status::kPacket && !session.accept(packet, sample, err)) {
-                    st = DataStream::Status::kMalformed;
-                    stream.close();
-                }
-                if (st == DataStream::Status::kPacket) {
-                    reconnector.progress();
-                    // The first data packet of a connection covers no interval yet (its
-                    // rates read 0): keep the previous figures until the second.
-                    if (!packet.data.empty() && ++data_in_connection >= 2) {
-                        view = std::make_unique<HostView>(build_view(sample));
-                        if (status == "reconnected") status.clear();
-                        redraw = true;
-                    }
-                    continue;
-                }
-                status = (st == DataStream::Status::kMalformed ? "malformed packet: " : "") + err +
-                         "; reconnecting";
-                reconnector.lost();
-                redraw = true;
+    bool quit = false;
+};
+
+// Applies the keys typed since the last frame; true when one of them changes the frame.
+bool handle_keys(Feed& feed, TopState& t) {
+    bool redraw = false;
+    for (int ch; (ch = getch()) != ERR;) {
+        redraw = true;
+        if (SortKey key; sort_key_for(ch, &key)) {
+            t.sort = key;
+            t.scroll = 0;
+            continue;
+        }
+        int page = std::max(1, LINES / 2);
+        switch (ch) {
+            case 'q':
+            case 'Q':
+                t.quit = true;
                 break;
-            }
-            if (redraw && !g_stop.load()) draw(view.get(), ctx.agent.text(), sort, scroll, status);
+            case 'r':
+            case 'R':
+                // Processes started after the header packet have no name on the wire; a fresh
+                // header pass names them.
+                feed.renew();
+                t.status = "renewed";
+                break;
+            case KEY_DOWN:
+            case 'j':
+                ++t.scroll;
+                break;
+            case KEY_UP:
+            case 'k':
+                t.scroll = std::max(0, t.scroll - 1);
+                break;
+            case KEY_NPAGE:
+                t.scroll += page;
+                break;
+            case KEY_PPAGE:
+                t.scroll = std::max(0, t.scroll - page);
+                break;
+            default:
+                break;
         }
     }
-    sigaction(SIGINT, &old_int, nullptr);
-    sigaction(SIGTERM, &old_term, nullptr);
-    sigaction(SIGHUP, &old_hup, nullptr);
-    if (result != kExitOk) return ctx.fail(final_error, result);
+    if (t.view)
+        t.scroll = std::min(t.scroll, std::max(0, static_cast<int>(t.view->processes.size()) - 1));
+    return redraw;
+}
+
+// Takes what the feed has; true when the frame changed. A failed feed ends the view.
+bool take_events(Feed& feed, TopState& t, std::string& failure) {
+    bool redraw = false;
+    for (FeedEvent e; (e = feed.next()).kind != FeedEvent::Kind::kIdle;) {
+        redraw = true;
+        if (e.kind == FeedEvent::Kind::kFailed) {
+            failure = e.message;
+            return true;
+        }
+        if (e.kind != FeedEvent::Kind::kPacket) {
+            t.status = e.message;
+            continue;
+        }
+        if (e.measurement && !e.packet.data.empty()) {
+            t.view = std::make_unique<HostView>(build_view(e.sample));
+            t.status.clear();
+        }
+    }
+    return redraw;
+}
+
+// Restores the signal dispositions the view replaced, however it ends.
+struct StopSignals {
+    struct sigaction old_int {
+    }, old_term{}, old_hup{};
+    StopSignals() {
+        struct sigaction sa {};
+        sa.sa_handler = on_stop_signal;
+        sigemptyset(&sa.sa_mask);
+        sigaction(SIGINT, &sa, &old_int);
+        sigaction(SIGTERM, &sa, &old_term);
+        sigaction(SIGHUP, &sa, &old_hup);
+        g_stop.store(0);
+    }
+    ~StopSignals() {
+        sigaction(SIGINT, &old_int, nullptr);
+        sigaction(SIGTERM, &old_term, nullptr);
+        sigaction(SIGHUP, &old_hup, nullptr);
+    }
+};
+
+}  // namespace
+
+int run_top_screen(const Context& ctx, Feed& feed, SortKey sort) {
+    StopSignals signals;
+    TopState t;
+    t.sort = sort;
+    std::string failure;
+    {
+        Screen screen;
+        draw(nullptr, feed.source(), t.sort, t.scroll, t.status);
+        while (!g_stop.load(std::memory_order_relaxed) && !t.quit && failure.empty()) {
+            pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {feed.fd(), POLLIN, 0}};
+            if (poll(fds, feed.fd() >= 0 ? 2 : 1, feed.wait_ms()) < 0 && errno != EINTR) break;
+            bool redraw = handle_keys(feed, t);
+            redraw = take_events(feed, t, failure) || redraw;
+            if (redraw && !t.quit) draw(t.view.get(), feed.source(), t.sort, t.scroll, t.status);
+        }
+    }
+    if (!failure.empty()) return ctx.fail(failure);
     return kExitOk;
 }
 

@@ -1,5 +1,7 @@
 #include "console/vm_view.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -33,11 +35,6 @@ std::string fmt(const char* format, double a) {
     return buf;
 }
 
-std::string pad(std::string s, std::size_t width, bool right = false) {
-    if (s.size() >= width) return s;
-    return right ? std::string(width - s.size(), ' ') + s : s + std::string(width - s.size(), ' ');
-}
-
 std::string cut(std::string s, std::size_t width) {
     if (s.size() > width) s.resize(width);
     return s;
@@ -57,6 +54,108 @@ void set_split(CpuSplit& c, const std::string& key, double v) {
         c.total = v;
 }
 
+// One value of a process row.
+void add_process_reading(ProcRow& p, const Metric& m, const std::string& key, const Reading& r,
+                         double x) {
+    p.pid = m.pid;
+    if (p.name.empty()) p.name = m.process_name;
+    if (key == "User Name")
+        p.user = r.text;
+    else if (key == "ParentPID")
+        p.ppid = static_cast<long>(x);
+    else if (key == "% CPU Utilization")
+        p.cpu = x;
+    else if (key == "% user CPU")
+        p.user_cpu = x;
+    else if (key == "% sys CPU")
+        p.sys_cpu = x;
+    else if (key == "Rss (Kb)")
+        p.rss_kb = x;
+    else if (key == "IO Chars")
+        p.io = x;
+    else if (key == "Major Faults")
+        p.major = x;
+}
+
+void add_disk_reading(DiskRow& d, const std::string& key, double x) {
+    if (key == "Total Operations")
+        d.ops = x;
+    else if (key == "Total Transfers")
+        d.bytes = x;
+    else if (key == "Waiting Elements")
+        d.waiting = x;
+    else if (key == "Run State Elements")
+        d.running = x;
+}
+
+void add_fs_reading(FsRow& f, const std::string& key, double x) {
+    if (key == "% Space Used")
+        f.pct_used = x;
+    else if (key == "Available")
+        f.available = x;
+    else if (key == "Total")
+        f.total = x;
+}
+
+void add_network_reading(NetView& n, const std::string& key, double x) {
+    static const std::pair<const char*, double NetView::*> rows[] = {
+        {"TCP->Packet Rate->Sent", &NetView::tcp_out},
+        {"TCP->Packet Rate->Received", &NetView::tcp_in},
+        {"TCP->Data Rate->Sent", &NetView::bytes_out},
+        {"TCP->Data Rate->Received", &NetView::bytes_in},
+        {"TCP->Sent Packets Breakdown->Retrans", &NetView::retrans},
+        {"TCP->Connection Establish Rate->Number of Connections", &NetView::connections},
+        {"UDP->Packet Rate->Sent", &NetView::udp_out},
+        {"UDP->Packet Rate->Received", &NetView::udp_in},
+        {"IP->Packet Rate->Sent", &NetView::ip_out},
+        {"IP->Packet Rate->Received", &NetView::ip_in},
+    };
+    n.present = true;
+    for (const auto& [name, field] : rows)
+        if (key == name) n.*field = x;
+}
+
+// Memory and network rows; false when the key is neither.
+bool add_host_reading(HostView& v, const std::string& key, double x) {
+    static const std::pair<const char*, double MemoryView::*> memory[] = {
+        {"% Memory Utilization", &MemoryView::util},
+        {"System Memory (MB)", &MemoryView::total_mb},
+        {"Allocation(MB)->Free", &MemoryView::free_mb},
+        {"Allocation(MB)->Used", &MemoryView::used_mb},
+        {"Paging by Type->Total", &MemoryView::paging},
+        {"Paging by Type->Major", &MemoryView::major},
+        {"Paging IO Rate", &MemoryView::paging_io},
+    };
+    for (const auto& [name, field] : memory)
+        if (key == name) {
+            // The two level rows say the class is there; the rest only fill it in.
+            if (field == &MemoryView::util || field == &MemoryView::total_mb)
+                v.memory.present = true;
+            v.memory.*field = x;
+            return true;
+        }
+    if (key.rfind("TCP->", 0) == 0 || key.rfind("UDP->", 0) == 0 || key.rfind("IP->", 0) == 0) {
+        add_network_reading(v.net, key, x);
+        return true;
+    }
+    return false;
+}
+
+void order_rows(HostView& v, std::map<int, CpuSplit>& processors,
+                std::map<std::string, DiskRow>& disks, std::map<std::string, FsRow>& filesystems,
+                std::map<long, ProcRow>& procs) {
+    for (auto& [n, split] : processors) v.processors.push_back({n, split});
+    for (auto& [name, d] : disks) v.disks.push_back(d);
+    std::stable_sort(v.disks.begin(), v.disks.end(), [](const DiskRow& a, const DiskRow& b) {
+        return a.ops + a.bytes / 1e6 > b.ops + b.bytes / 1e6;
+    });
+    for (auto& [name, f] : filesystems) v.filesystems.push_back(f);
+    std::stable_sort(v.filesystems.begin(), v.filesystems.end(),
+                     [](const FsRow& a, const FsRow& b) { return a.pct_used > b.pct_used; });
+    for (auto& [pid, p] : procs) v.processes.push_back(p);
+    sort_processes(v.processes, SortKey::kCpu);
+}
+
 }  // namespace
 
 HostView build_view(const Sample& sample) {
@@ -68,109 +167,27 @@ HostView build_view(const Sample& sample) {
     std::map<std::string, DiskRow> disks;
     std::map<std::string, FsRow> filesystems;
     std::map<long, ProcRow> procs;
-
     for (const Reading& r : sample.readings) {
         const Metric& m = *r.metric;
         std::string key = key_of(m.counter);
-        double x = r.numeric ? r.number : 0;
-        if (!std::isfinite(x)) x = 0;
+        double x = r.numeric && std::isfinite(r.number) ? r.number : 0;
         if (m.is_process) {
             v.has_processes = true;
-            ProcRow& p = procs[m.pid];
-            p.pid = m.pid;
-            if (p.name.empty()) p.name = m.process_name;
-            if (key == "User Name")
-                p.user = r.text;
-            else if (key == "ParentPID")
-                p.ppid = static_cast<long>(x);
-            else if (key == "% CPU Utilization")
-                p.cpu = x;
-            else if (key == "% user CPU")
-                p.user_cpu = x;
-            else if (key == "% sys CPU")
-                p.sys_cpu = x;
-            else if (key == "Rss (Kb)")
-                p.rss_kb = x;
-            else if (key == "IO Chars")
-                p.io = x;
-            else if (key == "Major Faults")
-                p.major = x;
+            add_process_reading(procs[m.pid], m, key, r, x);
         } else if (m.klass == "Cpu") {
-            if (m.instance.empty())
-                set_split(v.cpu, key, x);
-            else
-                set_split(processors[std::atoi(m.instance.c_str())], key, x);
+            set_split(m.instance.empty() ? v.cpu : processors[std::atoi(m.instance.c_str())], key,
+                      x);
         } else if (m.klass == "Disk") {
-            DiskRow& d = disks[m.instance];
-            d.name = m.instance;
-            if (key == "Total Operations")
-                d.ops = x;
-            else if (key == "Total Transfers")
-                d.bytes = x;
-            else if (key == "Waiting Elements")
-                d.waiting = x;
-            else if (key == "Run State Elements")
-                d.running = x;
+            disks[m.instance].name = m.instance;
+            add_disk_reading(disks[m.instance], key, x);
         } else if (m.klass == "FileSystem") {
-            FsRow& f = filesystems[m.instance];
-            f.mount = m.instance;
-            if (key == "% Space Used")
-                f.pct_used = x;
-            else if (key == "Available")
-                f.available = x;
-            else if (key == "Total")
-                f.total = x;
-        } else if (key == "% Memory Utilization") {
-            v.memory.present = true;
-            v.memory.util = x;
-        } else if (key == "System Memory (MB)") {
-            v.memory.present = true;
-            v.memory.total_mb = x;
-        } else if (key == "Allocation(MB)->Free") {
-            v.memory.free_mb = x;
-        } else if (key == "Allocation(MB)->Used") {
-            v.memory.used_mb = x;
-        } else if (key == "Paging by Type->Total") {
-            v.memory.paging = x;
-        } else if (key == "Paging by Type->Major") {
-            v.memory.major = x;
-        } else if (key == "Paging IO Rate") {
-            v.memory.paging_io = x;
-        } else if (key.rfind("TCP->", 0) == 0 || key.rfind("UDP->", 0) == 0 ||
-                   key.rfind("IP->", 0) == 0) {
-            v.net.present = true;
-            if (key == "TCP->Packet Rate->Sent")
-                v.net.tcp_out = x;
-            else if (key == "TCP->Packet Rate->Received")
-                v.net.tcp_in = x;
-            else if (key == "TCP->Data Rate->Sent")
-                v.net.bytes_out = x;
-            else if (key == "TCP->Data Rate->Received")
-                v.net.bytes_in = x;
-            else if (key == "TCP->Sent Packets Breakdown->Retrans")
-                v.net.retrans = x;
-            else if (key == "TCP->Connection Establish Rate->Number of Connections")
-                v.net.connections = x;
-            else if (key == "UDP->Packet Rate->Sent")
-                v.net.udp_out = x;
-            else if (key == "UDP->Packet Rate->Received")
-                v.net.udp_in = x;
-            else if (key == "IP->Packet Rate->Sent")
-                v.net.ip_out = x;
-            else if (key == "IP->Packet Rate->Received")
-                v.net.ip_in = x;
+            filesystems[m.instance].mount = m.instance;
+            add_fs_reading(filesystems[m.instance], key, x);
+        } else {
+            add_host_reading(v, key, x);
         }
     }
-    for (auto& [n, split] : processors) v.processors.push_back({n, split});
-    for (auto& [name, d] : disks) v.disks.push_back(d);
-    std::stable_sort(v.disks.begin(), v.disks.end(), [](const DiskRow& a, const DiskRow& b) {
-        return a.ops + a.bytes / 1e6 > b.ops + b.bytes / 1e6;
-    });
-    for (auto& [name, f] : filesystems) v.filesystems.push_back(f);
-    std::stable_sort(v.filesystems.begin(), v.filesystems.end(),
-                     [](const FsRow& a, const FsRow& b) { return a.pct_used > b.pct_used; });
-    for (auto& [pid, p] : procs) v.processes.push_back(p);
-    sort_processes(v.processes, SortKey::kCpu);
+    order_rows(v, processors, disks, filesystems, procs);
     return v;
 }
 
@@ -239,116 +256,120 @@ std::string human_bytes(double bytes) {
     return fmt(i > 0 && std::fabs(bytes) < 10 ? "%.1f" : "%.0f", bytes) + suffix[i];
 }
 
+namespace {
+
+// The lines of a view being laid out, each cut to the width.
+struct Layout {
+    std::vector<ViewLine> lines;
+    std::size_t width;
+    void add(ViewLine::Kind kind, std::string text, double bar = -1) {
+        lines.push_back({kind, cut(std::move(text), width), bar});
+    }
+};
+
+void lay_cpu(Layout& l, const HostView& v) {
+    l.add(ViewLine::kSection, "CPU");
+    if (v.cpu.present)
+        l.add(ViewLine::kText,
+              fmt::format("  user {:5.1f}%  system {:5.1f}%  wait {:5.1f}%  idle {:5.1f}%  total "
+                          "{:5.1f}%",
+                          v.cpu.user, v.cpu.system, v.cpu.wait, v.cpu.idle, v.cpu.total));
+    else
+        l.add(ViewLine::kText, "  (no processor figures)");
+    l.add(ViewLine::kSection, "Processors");
+    for (const ProcessorRow& p : v.processors)
+        l.add(ViewLine::kText,
+              fmt::format("  cpu{:<3} {:5.1f}%  usr {:5.1f} sys {:5.1f} wait {:5.1f}", p.number,
+                          p.split.total, p.split.user, p.split.system, p.split.wait),
+              p.split.total);
+    if (v.processors.empty()) l.add(ViewLine::kText, "  (no per-processor figures)");
+}
+
+void lay_memory(Layout& l, const MemoryView& m) {
+    l.add(ViewLine::kSection, "Memory");
+    if (!m.present) return l.add(ViewLine::kText, "  (no memory figures)");
+    l.add(ViewLine::kText,
+          fmt::format("  used {} of {} ({:.1f}%)  free {}", human_bytes(m.used_mb * 1048576),
+                      human_bytes(m.total_mb * 1048576), m.util, human_bytes(m.free_mb * 1048576)));
+    l.add(ViewLine::kText,
+          fmt::format("  paging {}/s  major faults {}/s  paging IO {}/s", human_count(m.paging),
+                      human_count(m.major), human_count(m.paging_io)));
+}
+
+void lay_disks(Layout& l, const std::vector<DiskRow>& disks) {
+    l.add(ViewLine::kSection, "Disks");
+    if (disks.empty()) return l.add(ViewLine::kText, "  (no disk figures)");
+    l.add(ViewLine::kColumns, fmt::format("  {:<16}{:>9}{:>10}{:>6}{:>6}", "DEVICE", "OPS/S",
+                                          "BYTES/S", "WAIT", "RUN"));
+    for (std::size_t i = 0; i < disks.size() && i < 5; ++i) {
+        const DiskRow& d = disks[i];
+        l.add(ViewLine::kText,
+              fmt::format("  {:<16}{:>9}{:>10}{:>6.0f}{:>6.0f}", cut(d.name, 15),
+                          human_count(d.ops), human_bytes(d.bytes), d.waiting, d.running));
+    }
+}
+
+void lay_filesystems(Layout& l, const std::vector<FsRow>& filesystems) {
+    l.add(ViewLine::kSection, "File systems");
+    if (filesystems.empty()) return l.add(ViewLine::kText, "  (no file-system figures)");
+    // Sizes are statvfs block counts (fragment units), not the kilobytes their units say.
+    l.add(ViewLine::kColumns,
+          fmt::format("  {:<28}{:>7}{:>12}{:>12}", "MOUNT", "USED", "AVAIL BLK", "TOTAL BLK"));
+    for (std::size_t i = 0; i < filesystems.size() && i < 8; ++i) {
+        const FsRow& f = filesystems[i];
+        l.add(ViewLine::kText,
+              fmt::format("  {:<28}{:>7}{:>12.0f}{:>12.0f}", cut(f.mount, 27),
+                          fmt::format("{:.1f}%", f.pct_used), f.available, f.total));
+    }
+}
+
+void lay_network(Layout& l, const NetView& n) {
+    l.add(ViewLine::kSection, "Network");
+    if (!n.present) return l.add(ViewLine::kText, "  (no network figures)");
+    l.add(
+        ViewLine::kText,
+        fmt::format("  TCP in {} seg/s  out {} seg/s  data in {}/s  out {}/s  retrans {}/s  "
+                    "connections {}",
+                    human_count(n.tcp_in), human_count(n.tcp_out), human_bytes(n.bytes_in),
+                    human_bytes(n.bytes_out), human_count(n.retrans), human_count(n.connections)));
+    l.add(ViewLine::kText,
+          fmt::format("  UDP in {} dg/s  out {} dg/s   IP in {} pkt/s  out {} pkt/s",
+                      human_count(n.udp_in), human_count(n.udp_out), human_count(n.ip_in),
+                      human_count(n.ip_out)));
+}
+
+void lay_processes(Layout& l, const HostView& v, SortKey key, int max_processes) {
+    if (!v.has_processes) return;
+    l.add(ViewLine::kSection,
+          fmt::format("Processes ({}, by {})", v.processes.size(), sort_key_name(key)));
+    l.add(ViewLine::kColumns, fmt::format("{:>8} {:<10}{:>6}{:>6}{:>6}{:>9}{:>9}  NAME", "PID",
+                                          "USER", "%CPU", "%USR", "%SYS", "RSS", "IO/S"));
+    std::vector<ProcRow> rows = v.processes;
+    sort_processes(rows, key);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        if (max_processes >= 0 && static_cast<int>(i) >= max_processes) break;
+        const ProcRow& p = rows[i];
+        l.add(ViewLine::kText, fmt::format("{:>8} {:<10}{:>6.1f}{:>6.1f}{:>6.1f}{:>9}{:>9}  {}",
+                                           p.pid, cut(p.user, 9), p.cpu, p.user_cpu, p.sys_cpu,
+                                           human_bytes(p.rss_kb * 1024), human_bytes(p.io),
+                                           p.name.empty() ? "?" : p.name));
+    }
+}
+
+}  // namespace
+
 std::vector<ViewLine> layout_view(const HostView& v, const std::string& source, SortKey key,
                                   int width, int max_processes) {
-    std::vector<ViewLine> out;
-    auto add = [&](ViewLine::Kind kind, std::string text, double bar = -1) {
-        out.push_back(
-            {kind, cut(std::move(text), static_cast<std::size_t>(std::max(width, 20))), bar});
-    };
-    add(ViewLine::kTitle, "vornmon " + source + "  " + v.time + "  packet " +
-                              std::to_string(v.packet) + "  every " + std::to_string(v.interval) +
-                              " s");
-
-    add(ViewLine::kSection, "CPU");
-    if (v.cpu.present) {
-        add(ViewLine::kText,
-            "  user " + fmt("%5.1f%%", v.cpu.user) + "  system " + fmt("%5.1f%%", v.cpu.system) +
-                "  wait " + fmt("%5.1f%%", v.cpu.wait) + "  idle " + fmt("%5.1f%%", v.cpu.idle) +
-                "  total " + fmt("%5.1f%%", v.cpu.total));
-    } else {
-        add(ViewLine::kText, "  (no processor figures)");
-    }
-
-    add(ViewLine::kSection, "Processors");
-    for (const ProcessorRow& p : v.processors) {
-        add(ViewLine::kText,
-            "  cpu" + pad(std::to_string(p.number), 3) + fmt(" %5.1f%%", p.split.total) + "  usr " +
-                fmt("%5.1f", p.split.user) + " sys " + fmt("%5.1f", p.split.system) + " wait " +
-                fmt("%5.1f", p.split.wait),
-            p.split.total);
-    }
-    if (v.processors.empty()) add(ViewLine::kText, "  (no per-processor figures)");
-
-    add(ViewLine::kSection, "Memory");
-    if (v.memory.present) {
-        add(ViewLine::kText, "  used " + human_bytes(v.memory.used_mb * 1048576) + " of " +
-                                 human_bytes(v.memory.total_mb * 1048576) +
-                                 fmt(" (%.1f%%)", v.memory.util) + "  free " +
-                                 human_bytes(v.memory.free_mb * 1048576));
-        add(ViewLine::kText, "  paging " + human_count(v.memory.paging) + "/s  major faults " +
-                                 human_count(v.memory.major) + "/s  paging IO " +
-                                 human_count(v.memory.paging_io) + "/s");
-    } else {
-        add(ViewLine::kText, "  (no memory figures)");
-    }
-
-    add(ViewLine::kSection, "Disks");
-    if (v.disks.empty()) {
-        add(ViewLine::kText, "  (no disk figures)");
-    } else {
-        add(ViewLine::kColumns, "  " + pad("DEVICE", 16) + pad("OPS/S", 9, true) +
-                                    pad("BYTES/S", 10, true) + pad("WAIT", 6, true) +
-                                    pad("RUN", 6, true));
-        for (std::size_t i = 0; i < v.disks.size() && i < 5; ++i) {
-            const DiskRow& d = v.disks[i];
-            add(ViewLine::kText,
-                "  " + pad(cut(d.name, 15), 16) + pad(human_count(d.ops), 9, true) +
-                    pad(human_bytes(d.bytes), 10, true) + pad(fmt("%.0f", d.waiting), 6, true) +
-                    pad(fmt("%.0f", d.running), 6, true));
-        }
-    }
-
-    add(ViewLine::kSection, "File systems");
-    if (v.filesystems.empty()) {
-        add(ViewLine::kText, "  (no file-system figures)");
-    } else {
-        // Sizes are statvfs block counts (fragment units), not the kilobytes their units say.
-        add(ViewLine::kColumns, "  " + pad("MOUNT", 28) + pad("USED", 7, true) +
-                                    pad("AVAIL BLK", 12, true) + pad("TOTAL BLK", 12, true));
-        for (std::size_t i = 0; i < v.filesystems.size() && i < 8; ++i) {
-            const FsRow& f = v.filesystems[i];
-            add(ViewLine::kText,
-                "  " + pad(cut(f.mount, 27), 28) + pad(fmt("%.1f%%", f.pct_used), 7, true) +
-                    pad(fmt("%.0f", f.available), 12, true) + pad(fmt("%.0f", f.total), 12, true));
-        }
-    }
-
-    add(ViewLine::kSection, "Network");
-    if (v.net.present) {
-        add(ViewLine::kText,
-            "  TCP in " + human_count(v.net.tcp_in) + " seg/s  out " + human_count(v.net.tcp_out) +
-                " seg/s  data in " + human_bytes(v.net.bytes_in) + "/s  out " +
-                human_bytes(v.net.bytes_out) + "/s  retrans " + human_count(v.net.retrans) +
-                "/s  connections " + human_count(v.net.connections));
-        add(ViewLine::kText, "  UDP in " + human_count(v.net.udp_in) + " dg/s  out " +
-                                 human_count(v.net.udp_out) + " dg/s   IP in " +
-                                 human_count(v.net.ip_in) + " pkt/s  out " +
-                                 human_count(v.net.ip_out) + " pkt/s");
-    } else {
-        add(ViewLine::kText, "  (no network figures)");
-    }
-
-    if (v.has_processes) {
-        add(ViewLine::kSection, std::string("Processes (") + std::to_string(v.processes.size()) +
-                                    ", by " + sort_key_name(key) + ")");
-        add(ViewLine::kColumns, pad("PID", 8, true) + " " + pad("USER", 10) + pad("%CPU", 6, true) +
-                                    pad("%USR", 6, true) + pad("%SYS", 6, true) +
-                                    pad("RSS", 9, true) + pad("IO/S", 9, true) + "  NAME");
-        std::vector<ProcRow> rows = v.processes;
-        sort_processes(rows, key);
-        for (std::size_t i = 0; i < rows.size(); ++i) {
-            if (max_processes >= 0 && static_cast<int>(i) >= max_processes) break;
-            const ProcRow& p = rows[i];
-            add(ViewLine::kText,
-                pad(std::to_string(p.pid), 8, true) + " " + pad(cut(p.user, 9), 10) +
-                    pad(fmt("%.1f", p.cpu), 6, true) + pad(fmt("%.1f", p.user_cpu), 6, true) +
-                    pad(fmt("%.1f", p.sys_cpu), 6, true) +
-                    pad(human_bytes(p.rss_kb * 1024), 9, true) + pad(human_bytes(p.io), 9, true) +
-                    "  " + (p.name.empty() ? "?" : p.name));
-        }
-    }
-    return out;
+    Layout l{{}, static_cast<std::size_t>(std::max(width, 20))};
+    l.add(ViewLine::kTitle, fmt::format("vornmon {}  {}  packet {}  every {} s", source, v.time,
+                                        v.packet, v.interval));
+    lay_cpu(l, v);
+    lay_memory(l, v.memory);
+    lay_disks(l, v.disks);
+    lay_filesystems(l, v.filesystems);
+    lay_network(l, v.net);
+    lay_processes(l, v, key, max_processes);
+    return l.lines;
 }
 
 std::string render_text(const std::vector<ViewLine>& lines, int width) {

@@ -50,6 +50,41 @@ bool split_process_name(std::string_view name, HeaderLine& out) {
     return false;
 }
 
+// The path before the id: "<prefix><separator><name>", processes "<name>  (<pid>)-><counter>".
+bool split_path(std::string_view path, std::string_view line, HeaderLine& out, std::string& err) {
+    std::size_t sep = path.find(kMarkedSep);
+    std::size_t plain = path.find(kPlainSep);
+    if (sep != std::string_view::npos && (plain == std::string_view::npos || sep < plain)) {
+        out.marked = true;
+        out.prefix = std::string(path.substr(0, sep));
+        out.name = std::string(path.substr(sep + kMarkedSep.size()));
+    } else if (plain != std::string_view::npos) {
+        out.prefix = std::string(path.substr(0, plain));
+        out.name = std::string(path.substr(plain + kPlainSep.size()));
+    } else {
+        err = "header line without a class separator " + quote_for_error(line);
+        return false;
+    }
+    if (out.prefix.empty() || out.name.empty()) {
+        err = "header line with an empty class or counter name " + quote_for_error(line);
+        return false;
+    }
+    if (out.marked != (out.marker != 0)) {
+        err = "separator does not match marker " + std::to_string(out.marker) + " in header line " +
+              quote_for_error(line);
+        return false;
+    }
+    if (out.prefix == "Process") {
+        if (!split_process_name(out.name, out)) {
+            err = "process header line without '  (<pid>)->' " + quote_for_error(line);
+            return false;
+        }
+    } else {
+        out.counter = out.name;
+    }
+    return true;
+}
+
 }  // namespace
 
 bool parse_long(std::string_view text, long& out) {
@@ -191,37 +226,7 @@ bool parse_header_line(std::string_view line, HeaderLine& out, std::string& err)
         return false;
     }
 
-    std::size_t sep = path.find(kMarkedSep);
-    std::size_t plain = path.find(kPlainSep);
-    if (sep != std::string_view::npos && (plain == std::string_view::npos || sep < plain)) {
-        out.marked = true;
-        out.prefix = std::string(path.substr(0, sep));
-        out.name = std::string(path.substr(sep + kMarkedSep.size()));
-    } else if (plain != std::string_view::npos) {
-        out.prefix = std::string(path.substr(0, plain));
-        out.name = std::string(path.substr(plain + kPlainSep.size()));
-    } else {
-        err = "header line without a class separator " + quote_for_error(line);
-        return false;
-    }
-    if (out.prefix.empty() || out.name.empty()) {
-        err = "header line with an empty class or counter name " + quote_for_error(line);
-        return false;
-    }
-    if (out.marked != (out.marker != 0)) {
-        err = "separator does not match marker " + std::to_string(out.marker) + " in header line " +
-              quote_for_error(line);
-        return false;
-    }
-    if (out.prefix == "Process") {
-        if (!split_process_name(out.name, out)) {
-            err = "process header line without '  (<pid>)->' " + quote_for_error(line);
-            return false;
-        }
-    } else {
-        out.counter = out.name;
-    }
-    return true;
+    return split_path(path, line, out, err);
 }
 
 bool parse_data_line(std::string_view line, DataLine& out, std::string& err) {
@@ -237,6 +242,52 @@ bool parse_data_line(std::string_view line, DataLine& out, std::string& err) {
     out.value = std::string(line.substr(eq + 1));
     return true;
 }
+
+namespace {
+
+// The header section after "<HEADER>": an empty one is sent as " </HEADER>", so closing
+// tags may carry leading blanks.
+bool read_header_section(const std::vector<std::string_view>& lines, std::size_t& at, Packet& out,
+                         std::string& err) {
+    for (;;) {
+        if (at >= lines.size()) {
+            err = "missing </HEADER>";
+            return false;
+        }
+        std::string_view line = lines[at++];
+        if (trim_left(line) == "</HEADER>") return true;
+        if (only_blanks(line)) continue;
+        if (line == "<DATA>" || line == "</START>") {
+            err = "missing </HEADER> before " + std::string(line);
+            return false;
+        }
+        HeaderLine h;
+        if (!parse_header_line(line, h, err)) return false;
+        out.headers.push_back(std::move(h));
+    }
+}
+
+bool read_data_section(const std::vector<std::string_view>& lines, std::size_t& at, Packet& out,
+                       std::string& err) {
+    for (;;) {
+        if (at >= lines.size()) {
+            err = "missing </DATA>";
+            return false;
+        }
+        std::string_view line = lines[at++];
+        if (trim_left(line) == "</DATA>") return true;
+        if (only_blanks(line)) continue;
+        if (line == "</START>") {
+            err = "missing </DATA> before </START>";
+            return false;
+        }
+        DataLine d;
+        if (!parse_data_line(line, d, err)) return false;
+        out.data.push_back(std::move(d));
+    }
+}
+
+}  // namespace
 
 bool parse_packet_body(std::string_view body, Packet& out, std::string& err) {
     out.number = 0;
@@ -297,40 +348,9 @@ bool parse_packet_body(std::string_view body, Packet& out, std::string& err) {
     }
     out.interval = static_cast<int>(interval);
     if (!expect("</INTERVAL>") || !expect("<HEADER>")) return false;
-    // An empty section is sent as " </HEADER>": closing tags may carry leading blanks.
-    for (;;) {
-        if (at >= lines.size()) {
-            err = "missing </HEADER>";
-            return false;
-        }
-        std::string_view line = lines[at++];
-        if (trim_left(line) == "</HEADER>") break;
-        if (only_blanks(line)) continue;
-        if (line == "<DATA>" || line == "</START>") {
-            err = "missing </HEADER> before " + std::string(line);
-            return false;
-        }
-        HeaderLine h;
-        if (!parse_header_line(line, h, err)) return false;
-        out.headers.push_back(std::move(h));
-    }
-    if (!expect("<DATA>")) return false;
-    for (;;) {
-        if (at >= lines.size()) {
-            err = "missing </DATA>";
-            return false;
-        }
-        std::string_view line = lines[at++];
-        if (trim_left(line) == "</DATA>") break;
-        if (only_blanks(line)) continue;
-        if (line == "</START>") {
-            err = "missing </DATA> before </START>";
-            return false;
-        }
-        DataLine d;
-        if (!parse_data_line(line, d, err)) return false;
-        out.data.push_back(std::move(d));
-    }
+    if (!read_header_section(lines, at, out, err) || !expect("<DATA>") ||
+        !read_data_section(lines, at, out, err))
+        return false;
     if (!expect("</START>")) return false;
     if (at != lines.size()) {
         err = "text after </START> at " + where();

@@ -238,3 +238,20 @@ TEST(Cli, LostAgentsAreGivenUpAfterTheReconnectTime) {
     EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 2);
     EXPECT_LT(r.seconds, 6.0);
 }
+
+// The agent answers <DATA> with the header packet (which may carry data strings of its own)
+// and a first data packet built at once, covering no interval; figures start with the third.
+TEST(Cli, TheFirstDataPacketOfAConnectionIsNoMeasurement) {
+    const std::string cpu = "Cpu~^1~^->Average Utilization::1::Overall::1,%,1";
+    FakeAgent agent([&](FakeAgent& a) {
+        a.read("\n");
+        a.write(frame(body(1, {cpu}, "1=11.00\n")) + frame(body(2, {}, "1=22.00\n")));
+        for (int n = 3; n < 6; ++n, std::this_thread::sleep_for(50ms))
+            a.write(frame(body(n, {}, "1=" + std::to_string(n * 11) + ".00\n")));
+        a.read("", 300);
+    });
+    Outcome r = vm(agent.at() + "top --once --procs 0");
+    EXPECT_TRUE(has(r.out, "total  33.0%")) << r.err;
+    r = vm(agent.at() + "json --count 3");
+    EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 3) << "json shows every packet";
+}
