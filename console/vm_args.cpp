@@ -133,7 +133,10 @@ bool parse_command_line(const std::vector<std::string>& args, const std::vector<
             return false;
         }
         if (global && !global_option(arg, value, ctx, status)) return false;
-        if (!global) out.parsed.options[arg] = value;
+        if (!global) {
+            out.parsed.options[arg] = value;
+            out.parsed.repeated[arg].push_back(value);
+        }
     }
     if (!out.command && !out.help) {
         status = ctx.fail("missing command (see vornmon --help)", kExitUsage);

@@ -30,12 +30,17 @@ struct Context {
 
 /// Options and operands of one command after parsing.
 struct Parsed {
-    std::map<std::string, std::string> options;  // "--once" -> "" for flags
+    std::map<std::string, std::string> options;  // "--once" -> "" for flags; the last value
+    std::map<std::string, std::vector<std::string>> repeated;  // every value, in order
     std::vector<std::string> operands;
     bool has(const std::string& name) const { return options.count(name) != 0; }
     std::string value(const std::string& name) const {
         auto it = options.find(name);
         return it == options.end() ? std::string() : it->second;
+    }
+    std::vector<std::string> values(const std::string& name) const {
+        auto it = repeated.find(name);
+        return it == repeated.end() ? std::vector<std::string>() : it->second;
     }
 };
 

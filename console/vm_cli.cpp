@@ -24,6 +24,8 @@ const char* kGlobalHelp =
     "  interval N        scan interval the agent prints in its packets\n"
     "  exit              make the agent end its data connection\n"
     "  openmetrics       serve the latest sample over HTTP for Prometheus\n"
+    "  hub               hold one data connection per agent and serve them to everybody:\n"
+    "                    Prometheus, the JSON API, and top/json/raw with --hub URL\n"
     "\n"
     "global options:\n"
     "  --host HOST       agent host (default 127.0.0.1)\n"
@@ -33,8 +35,11 @@ const char* kGlobalHelp =
     "'vornmon COMMAND --help' describes a command. Exit status: 0 done, 1 the agent\n"
     "could not be reached or sent something malformed, 2 bad arguments.\n";
 
-const std::vector<OptionSpec> kStreamOptions = {
-    {"--interval", true}, {"--count", true}, {"--reconnect", true}};
+const std::vector<OptionSpec> kStreamOptions = {{"--interval", true},
+                                                {"--count", true},
+                                                {"--reconnect", true},
+                                                {"--hub", true},
+                                                {"--agent", true}};
 
 std::vector<OptionSpec> with(std::vector<OptionSpec> base, std::vector<OptionSpec> more) {
     base.insert(base.end(), more.begin(), more.end());
@@ -42,7 +47,9 @@ std::vector<OptionSpec> with(std::vector<OptionSpec> base, std::vector<OptionSpe
 }
 
 const std::vector<Command> kCommands = {
-    {"top", "top [--once | --count N] [--sort KEY] [--interval N] [--procs N] [--width N]",
+    {"top",
+     "top [--once | --count N] [--sort KEY] [--interval N] [--procs N] [--width N]\n"
+     "           [--hub URL [--agent NAME]]",
      "A live view of the host: processor split and per-processor bars, memory and paging,\n"
      "the busiest disks, file systems by use, network rates and, when the agent collects\n"
      "them, the processes. Keys: c cpu, m memory, p pid, n name, i io (sort the\n"
@@ -55,22 +62,31 @@ const std::vector<Command> kCommands = {
      "  --procs N       process rows in plain text (default 20, -1 for all)\n"
      "  --width N       columns of plain text (default $COLUMNS or 100)\n"
      "  --reconnect S   give up after S seconds without the agent (default: never live,\n"
-     "                  30 for plain text)\n",
+     "                  30 for plain text)\n"
+     "  --hub URL       read through a hub (vornmon hub) instead of taking the agent's\n"
+     "                  data connection: any number of readers at once\n"
+     "  --agent NAME    the hub's agent to read (needed when it watches several)\n",
      with(kStreamOptions,
           {{"--once", false}, {"--sort", true}, {"--procs", true}, {"--width", true}}),
      0, 0, cmd_top},
-    {"raw", "raw [--count N] [--interval N] [--reconnect S]",
+    {"raw", "raw [--count N] [--interval N] [--reconnect S] [--hub URL [--agent NAME]]",
      "Prints the data packets exactly as received, length prefix included.\n"
      "  --count N       stop after N packets (the first one defines the counters)\n"
      "  --interval N    scan interval asked of the agent (default 2)\n"
-     "  --reconnect S   give up after S seconds without the agent (default 30)\n",
+     "  --reconnect S   give up after S seconds without the agent (default 30)\n"
+     "  --hub URL       read through a hub (vornmon hub) instead of taking the agent's\n"
+     "                  data connection: any number of readers at once\n"
+     "  --agent NAME    the hub's agent to read (needed when it watches several)\n",
      kStreamOptions, 0, 0, cmd_raw},
-    {"json", "json [--count N] [--interval N] [--reconnect S]",
+    {"json", "json [--count N] [--interval N] [--reconnect S] [--hub URL [--agent NAME]]",
      "Prints one JSON object per packet: packet number, time, interval, and every value\n"
      "with its metric path, class, instance, units; process values carry pid and name.\n"
      "  --count N       stop after N packets (the first one defines the counters)\n"
      "  --interval N    scan interval asked of the agent (default 2)\n"
-     "  --reconnect S   give up after S seconds without the agent (default 30)\n",
+     "  --reconnect S   give up after S seconds without the agent (default 30)\n"
+     "  --hub URL       read through a hub (vornmon hub) instead of taking the agent's\n"
+     "                  data connection: any number of readers at once\n"
+     "  --agent NAME    the hub's agent to read (needed when it watches several)\n",
      kStreamOptions, 0, 0, cmd_json},
     {"desc",
      "desc [--json]",
@@ -156,6 +172,40 @@ const std::vector<Command> kCommands = {
      "  --interval N    scan interval asked of the agent (default 2)\n"
      "  --reconnect S   give up after S seconds without the agent (default: never)\n",
      with(kStreamOptions, {{"--listen", true}}), 0, 0, cmd_openmetrics},
+    {"hub",
+     "hub [--listen HOST:PORT] (--agent [NAME=]HOST:PORT ... | --agents FILE) [--rules FILE]\n"
+     "           [--alert-interval S] [--interval N] [--history S] [--per-pid]\n"
+     "           [--all-filesystems] [--max-streams N]",
+     "Holds one data connection per agent, reconnecting with growing pauses, and serves\n"
+     "them to everybody: /metrics for Prometheus (OpenMetrics, an instance label per agent),\n"
+     "/api/agents, /api/agents/NAME/latest, /api/agents/NAME/history?path=PATH,\n"
+     "/api/agents/NAME/alerts, live streams /api/agents/NAME/stream (JSON samples) and\n"
+     "/api/agents/NAME/packets (what top, json and raw read with --hub). SIGHUP reads the\n"
+     "agents file again.\n"
+     "  --listen HOST:PORT  address to serve on (default 127.0.0.1:9108)\n"
+     "  --agent [NAME=]HOST:PORT  an agent to watch, named NAME (default HOST:PORT); repeat\n"
+     "  --agents FILE   agents, one '[NAME=]HOST:PORT [RULES_FILE]' a line\n"
+     "  --rules FILE    alert rules for every agent without a rules file of its own\n"
+     "  --alert-interval S  the agents' alert interval and how often alerts are collected\n"
+     "                  (default 30)\n"
+     "  --interval N    scan interval asked of the agents (default 2)\n"
+     "  --history S     seconds of history kept per agent (default 900)\n"
+     "  --per-pid       process series per pid (default: summed per process name)\n"
+     "  --all-filesystems  keep pseudo file systems (no blocks; /proc, /sys, /dev, /run)\n"
+     "  --max-streams N  live streams served at once (default 64)\n",
+     {{"--listen", true},
+      {"--agent", true},
+      {"--agents", true},
+      {"--rules", true},
+      {"--alert-interval", true},
+      {"--interval", true},
+      {"--history", true},
+      {"--per-pid", false},
+      {"--all-filesystems", false},
+      {"--max-streams", true}},
+     0,
+     0,
+     cmd_hub},
 };
 
 void print_command_help(std::FILE* out, const Command& c) {

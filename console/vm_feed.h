@@ -73,6 +73,8 @@ class AgentFeed : public Feed {
     int wait_ms() const override;
     FeedEvent next() override;
     void renew() override;
+    /// After a failed start: try again after the usual pause.
+    void retry_later() { reconnector_.lost(); }
     const Session& session() const override { return session_; }
     std::string source() const override { return stream_.endpoint().text(); }
 

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "console/vm_commands.h"
+#include "console/vm_hub_feed.h"
 #include "console/vm_json.h"
 #include "console/vm_openmetrics.h"
 
@@ -101,8 +102,14 @@ bool stream_options(const Context& ctx, const Parsed& p, StreamOptions& o, int& 
 
 }  // namespace
 
-std::unique_ptr<Feed> make_feed(const Context& ctx, const Parsed&, long interval, long give_up_s,
+std::unique_ptr<Feed> make_feed(const Context& ctx, const Parsed& p, long interval, long give_up_s,
                                 std::string& err) {
+    if (p.has("--hub")) {
+        auto feed = std::make_unique<HubFeed>(p.value("--hub"), p.value("--agent"), ctx.timeout_ms,
+                                              static_cast<int>(give_up_s));
+        if (!feed->start(err)) return nullptr;
+        return feed;
+    }
     auto feed = std::make_unique<AgentFeed>(ctx.agent, static_cast<int>(interval), ctx.timeout_ms,
                                             static_cast<int>(give_up_s));
     if (!feed->start(err)) return nullptr;

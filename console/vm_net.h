@@ -18,6 +18,7 @@ struct Endpoint {
     std::string host = "127.0.0.1";
     int port = 2101;
     std::string text() const;
+    bool operator==(const Endpoint&) const = default;
 };
 
 /// Parses "host:port" (IPv6 as "[addr]:port"); false with a message when it is not one.
