@@ -175,7 +175,7 @@ const std::vector<Command> kCommands = {
     {"hub",
      "hub [--listen HOST:PORT] (--agent [NAME=]HOST:PORT ... | --agents FILE) [--rules FILE]\n"
      "           [--alert-interval S] [--interval N] [--history S] [--per-pid]\n"
-     "           [--all-filesystems] [--max-streams N]",
+     "           [--all-filesystems] [--max-streams N] [--renew S]",
      "Holds one data connection per agent, reconnecting with growing pauses, and serves\n"
      "them to everybody: /metrics for Prometheus (OpenMetrics, an instance label per agent),\n"
      "/api/agents, /api/agents/NAME/latest, /api/agents/NAME/history?path=PATH,\n"
@@ -192,7 +192,9 @@ const std::vector<Command> kCommands = {
      "  --history S     seconds of history kept per agent (default 900)\n"
      "  --per-pid       process series per pid (default: summed per process name)\n"
      "  --all-filesystems  keep pseudo file systems (no blocks; /proc, /sys, /dev, /run)\n"
-     "  --max-streams N  live streams served at once (default 64)\n",
+     "  --max-streams N  live streams served at once (default 64)\n"
+     "  --renew S       at least S seconds between two fresh header passes of an agent,\n"
+     "                  asked for when processes have no name yet (default 60)\n",
      {{"--listen", true},
       {"--agent", true},
       {"--agents", true},
@@ -202,7 +204,8 @@ const std::vector<Command> kCommands = {
       {"--history", true},
       {"--per-pid", false},
       {"--all-filesystems", false},
-      {"--max-streams", true}},
+      {"--max-streams", true},
+      {"--renew", true}},
      0,
      0,
      cmd_hub},

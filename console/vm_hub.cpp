@@ -187,8 +187,9 @@ void AgentLink::run_data() {
             case FeedEvent::Kind::kIdle:
                 break;
             case FeedEvent::Kind::kPacket:
-                on_packet(e);
+                // Before the sample is handed on: it says whether processes lack a name.
                 if (e.measurement) maybe_renew(feed, e.sample);
+                on_packet(e);
                 break;
             case FeedEvent::Kind::kNotice:
                 on_notice(e.message, feed.fd() >= 0);
@@ -226,7 +227,10 @@ void AgentLink::on_packet(FeedEvent& e) {
     status_.time = e.packet.time;
     if (!e.packet.headers.empty()) {
         if (e.packet.number == 1) {
+            // A new connection numbers its counters afresh: what came before no longer
+            // decodes against these definitions.
             definitions_.clear();
+            latest_raw_.clear();
             measured_in_connection_ = false;
         }
         if (definitions_.size() < kMaxDefinitionPackets) definitions_.push_back(e.packet.raw);
@@ -378,22 +382,40 @@ void AgentLink::run_alerts() {
     }
 }
 
-// The rules replace the ones the hub's address sent before; the agent's alert state starts
-// over with them, so nothing is firing.
+// The alert interval first, then the leaf list, which also restarts the agent's alert
+// countdown from that interval; then the rules whose paths resolve (the agent stops reading
+// at the first it cannot find). They replace what the hub's address sent before, and the
+// agent's alert state starts over with them, so nothing is firing.
 bool AgentLink::send_rules() {
     Exchange ex;
     std::string err;
-    bool ok = exchange(spec_.endpoint, expdef_request(rules_), true, options_.timeout_ms, nullptr,
-                       ex, err) &&
-              exchange(spec_.endpoint,
+    std::vector<Leaf> leaves;
+    std::vector<Rule> good;
+    std::string refused;
+    bool ok = exchange(spec_.endpoint,
                        "<ALERT_INTERVAL>\n" + std::to_string(options_.alert_interval_s) +
                            "\n</ALERT_INTERVAL>\n",
-                       false, options_.timeout_ms, alert_interval_reply_complete, ex, err);
+                       false, options_.timeout_ms, alert_interval_reply_complete, ex, err) &&
+              exchange(spec_.endpoint, "<DESC>\n", false, options_.timeout_ms, desc_reply_complete,
+                       ex, err) &&
+              parse_desc_reply(ex.reply, leaves, err);
+    if (ok) {
+        std::set<std::string> paths = rule_paths(leaves);
+        for (const Rule& r : rules_) {
+            if (rule_resolves(r, paths, err))
+                good.push_back(r);
+            else
+                refused += (refused.empty() ? "" : "; ") + ("rule '" + r.name + "': " + err);
+        }
+        ok = exchange(spec_.endpoint, expdef_request(good), true, options_.timeout_ms, nullptr, ex,
+                      err);
+    }
     std::lock_guard<std::mutex> lock(mutex_);
     if (!ok) {
         status_.last_error = "sending the rules failed: " + err;
         return false;
     }
+    if (!refused.empty()) status_.last_error = refused;
     firing_.clear();
     return true;
 }

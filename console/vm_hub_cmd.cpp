@@ -64,15 +64,17 @@ bool check_rules(const HubOptions& o, const std::vector<AgentSpec>& agents, std:
 }
 
 bool hub_options(const Context& ctx, const Parsed& p, HubOptions& o, HttpOptions& h, int& status) {
-    long interval, history, alert, streams;
+    long interval, history, alert, streams, renew;
     if (!int_option(ctx, p, "--interval", 1, 3600, 2, interval, status) ||
         !int_option(ctx, p, "--history", 60, 86400, 900, history, status) ||
         !int_option(ctx, p, "--alert-interval", 1, 20000, 30, alert, status) ||
-        !int_option(ctx, p, "--max-streams", 1, 4096, 64, streams, status))
+        !int_option(ctx, p, "--max-streams", 1, 4096, 64, streams, status) ||
+        !int_option(ctx, p, "--renew", 1, 86400, 60, renew, status))
         return false;
     o.interval = static_cast<int>(interval);
     o.history_s = static_cast<int>(history);
     o.alert_interval_s = static_cast<int>(alert);
+    o.renew_s = static_cast<int>(renew);
     o.timeout_ms = ctx.timeout_ms;
     o.rules_file = p.value("--rules");
     o.expose.per_pid = p.has("--per-pid");
