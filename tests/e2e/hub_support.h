@@ -2,6 +2,7 @@
 // process ended by its pid, and plain HTTP requests on loopback.
 #pragma once
 
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
