@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# scripts/demo without a terminal: it must print frames with live figures, then stop the
-# agent it started and leave neither a process nor a lock file behind.
+# scripts/demo without a terminal: it must print frames with live figures read through the
+# hub, then stop the hub and the agent it started and leave neither a process nor a lock file behind.
 #   console_demo_check.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 src=$1
@@ -25,6 +25,10 @@ grep -Eq '^  user +[0-9.]+%  system +[0-9.]+%' <<<"$out" || fail "no processor f
 grep -Eq '^Processes \([1-9][0-9]*, by cpu\)$' <<<"$out" || fail "no process data"
 grep -Eq '^ +[0-9]+ +[a-z0-9_-]+ +[0-9.]+ ' <<<"$out" || fail "no process rows"
 grep -q '^scripts/demo: agent stopped$' <<<"$out" || fail "the agent was not stopped"
+hub=$(sed -n 's/^scripts\/demo: hub pid \([0-9][0-9]*\) .*/\1/p' <<<"$out")
+[ -n "$hub" ] || fail "no hub pid in the output"
+grep -q '^scripts/demo: hub stopped$' <<<"$out" || fail "the hub was not stopped"
+if kill -0 "$hub" 2>/dev/null; then fail "hub $hub still runs"; fi
 if kill -0 "$agent" 2>/dev/null; then fail "agent $agent still runs"; fi
 if compgen -G "$root/tmp/*_rtdc.lock" >/dev/null; then fail "lock file left behind"; fi
 echo "demo check: frames shown, agent $agent stopped, no lock file left"
