@@ -18,6 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -260,7 +261,7 @@ int main(int argc, char** argv) {
         readers.push_back(
             std::make_unique<Reader>(probe, "sim" + std::to_string(i % agents_n), stop));
     std::atomic<long> scrapes{0}, scrape_failures{0};
-    double worst_scrape_ms = 0;
+    std::vector<double> scrape_ms;
     std::thread scraper([&] {
         while (!stop) {
             auto t0 = Clock::now();
@@ -268,7 +269,7 @@ int main(int argc, char** argv) {
             client.set_read_timeout(std::chrono::seconds(10));
             auto res = client.Get("/metrics");
             double ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-            worst_scrape_ms = std::max(worst_scrape_ms, ms);
+            scrape_ms.push_back(ms);
             ++scrapes;
             if (!res || res->status != 200) ++scrape_failures;
             std::this_thread::sleep_for(std::chrono::milliseconds(std::max(0, 1000 - int(ms))));
@@ -304,7 +305,10 @@ int main(int argc, char** argv) {
         "baseline cpu     %.2f s (this program producing the packets and reading streams)\n", own);
     std::printf("hub / baseline   %.2f\n", own > 0 ? hub_cpu / own : 0);
     std::printf("stream samples   %ld, gaps %ld, streams ended %ld\n", samples, gaps, ended);
-    std::printf("scrapes          %ld, failed %ld, slowest %.0f ms\n", long(scrapes),
-                long(scrape_failures), worst_scrape_ms);
+    std::sort(scrape_ms.begin(), scrape_ms.end());
+    std::printf("scrapes          %ld, failed %ld, median %.1f ms, slowest %.0f ms\n",
+                long(scrapes), long(scrape_failures),
+                scrape_ms.empty() ? 0 : scrape_ms[scrape_ms.size() / 2],
+                scrape_ms.empty() ? 0 : scrape_ms.back());
     return gaps == 0 && scrape_failures == 0 ? 0 : 1;
 }
