@@ -127,14 +127,20 @@ TEST(Cli, UsageErrorsExitTwoAndHelpCoversEveryCommand) {
         {"openmetrics --listen nowhere", "host:port"},
         {"event " + std::string(600, 'x'), "510"},
         {"event-def", "usage: vornmon event-def"},
+        {"hub", "name at least one agent"},
+        {"hub --agent nohost", "expected host:port"},
+        {"hub --agent a=h:1 --agent a=h:2", "named twice"},
+        {"hub --agent h:1 --rules /nonexistent/rules", "/nonexistent/rules: cannot read it"},
+        {"hub --agent h:1 --listen nowhere", "--listen"},
     };
     for (const auto& [line, words] : cases) expect_one_line_error(vm(line), kExitUsage, words);
     expect_one_line_error(vm("rules -", "broken rule\n"), kExitUsage, "standard input, line 1");
     expect_one_line_error(vm("rules /nonexistent/rules"), kExitFailure, "/nonexistent/rules");
 
     std::string help = vm("--help").out;
-    for (std::string c : {"top", "raw", "json", "desc", "rules", "alert-interval", "alerts",
-                          "event", "events", "event-def", "interval", "exit", "openmetrics"}) {
+    for (std::string c :
+         {"top", "raw", "json", "desc", "rules", "alert-interval", "alerts", "event", "events",
+          "event-def", "interval", "exit", "openmetrics", "hub"}) {
         EXPECT_TRUE(has(help, "  " + c + " "));
         EXPECT_TRUE(has(vm(c + " --help").out, "[--timeout SECONDS] " + c));
     }
@@ -149,6 +155,9 @@ TEST(Cli, UnreachableSilentAndSwitchedOffAgentsFailFast) {
         expect_one_line_error(r, kExitFailure, "Connection refused");
         EXPECT_LT(r.seconds, 3.0) << cmd;
     }
+    Outcome hub =
+        vm("json --count 1 --hub http://127.0.0.1:" + closed.substr(7, closed.find(' ', 7) - 7));
+    expect_one_line_error(hub, kExitFailure, "cannot reach the hub");
     // Accepts and reads, never answers: every read must give up at the timeout. With
     // alerting off the agent reads the tag and closes without a word.
     FakeAgent silent([](FakeAgent& a) { a.read("", 4000); });
