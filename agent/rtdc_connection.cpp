@@ -9,7 +9,7 @@
 #include <cstring>
 #include <thread>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 
 namespace {
 thread_local Connection* current_connection = nullptr;

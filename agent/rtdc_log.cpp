@@ -8,8 +8,10 @@
 #include <cstring>
 
 #include "agent/rtdc_clock.h"
-#include "agent/rtdc_globals.h"
 #include "control/rta_cmdline.h"
+
+std::atomic<int> verbose_flag{0};
+std::mutex logfile_mutex;
 
 char logfilec[256];
 int logfile_yday = -1;

@@ -1,7 +1,15 @@
 // The agent's daily log: one append-only file per calendar day in the log directory.
 #pragma once
 
+#include <atomic>
 #include <ctime>
+#include <mutex>
+
+// The verbose level of the command line; written once at start-up, read by every side
+// that logs its steps.
+extern std::atomic<int> verbose_flag;
+// Serialises writes to the log stream; always the last lock taken.
+extern std::mutex logfile_mutex;
 
 extern char logfilec[256];  // path of the current log file
 extern int logfile_yday;    // day of the year logfilec was computed for; -1 at start

@@ -1,11 +1,16 @@
 // Request server, request handlers and the collection thread.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <string>
 
 #include "control/rta_cmdline.h"
+
+// Written once at start-up, read by the accept loop and the handlers.
+extern std::atomic<int> data_sock;  // the listening socket
+extern std::atomic<int> CpuCount;   // processors configured at start-up
 
 extern char client_addr_str[64];
 extern char client_addr_str1[64];

@@ -28,6 +28,9 @@
 #include "alerts/rtal_event.h"
 #include "alerts/rtal_tree.h"
 
+std::atomic<int> data_sock{-1};
+std::atomic<int> CpuCount{0};
+
 char client_addr_str[64];
 char client_addr_str1[64];
 static struct sockaddr_in their_addr;

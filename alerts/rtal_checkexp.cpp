@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "agent/rtdc_clock.h"
-#include "agent/rtdc_globals.h"
+#include "alerts/rtal_state.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_expdef.h"
 #include "alerts/rtal_io.h"

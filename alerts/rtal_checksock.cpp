@@ -5,7 +5,7 @@
 #include <ctime>
 #include <mutex>
 
-#include "agent/rtdc_globals.h"
+#include "alerts/rtal_state.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_expdef.h"
 #include "alerts/rtal_io.h"

@@ -2,7 +2,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
+#include "alerts/rtal_state.h"
 #include "agent/rtdc_log.h"
 #include "agent/rtdc_server.h"
 #include "alerts/rtal_expdef.h"

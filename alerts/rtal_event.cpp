@@ -7,8 +7,8 @@
 #include <cstring>
 #include <mutex>
 
-#include "agent/rtdc_globals.h"
 #include "agent/rtdc_lineread.h"
+#include "alerts/rtal_state.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_io.h"
 #include "alerts/rtal_rules.h"

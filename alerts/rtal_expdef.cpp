@@ -11,8 +11,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "agent/rtdc_globals.h"
 #include "agent/rtdc_lineread.h"
+#include "alerts/rtal_state.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_io.h"
 #include "alerts/rtal_rules.h"

@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "agent/rtdc_globals.h"
+#include "agent/rtdc_log.h"
 
 namespace rtal {
 

@@ -10,7 +10,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "agent/rtdc_globals.h"
+#include "alerts/rtal_state.h"
 #include "agent/rtdc_log.h"
 
 treeNode* Metric_Tree = nullptr;

@@ -27,7 +27,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
 #include "agent/rtdc_server.h"
 #include "alerts/rtal_tree.h"

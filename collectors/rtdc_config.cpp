@@ -8,7 +8,7 @@
 #include <ctime>
 #include <string>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "platform/config.h"
 
 int64_t phymem = 0;

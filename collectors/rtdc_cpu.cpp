@@ -4,7 +4,7 @@
 
 #include "collectors/rtdc_rate.h"
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_tree.h"
 #include "collectors/rtdc_complain.h"

@@ -11,7 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "alerts/rtal_tree.h"
 #include "collectors/rtdc_complain.h"
 #include "collectors/rtdc_rate.h"

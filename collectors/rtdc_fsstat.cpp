@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_tree.h"
 #include "packet/rtdc_buffer.h"

@@ -7,7 +7,7 @@
 #include <memory>
 #include <vector>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_tree.h"
 #include "collectors/rtdc_complain.h"

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "alerts/rtal_tree.h"
 #include "collectors/rtdc_complain.h"
 #include "collectors/rtdc_rate.h"

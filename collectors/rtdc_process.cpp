@@ -10,7 +10,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_tree.h"
 #include "collectors/rtdc_complain.h"

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "agent/rtdc_globals.h"
+#include "alerts/rtal_state.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_expdef.h"
 #include "alerts/rtal_tree.h"

@@ -10,8 +10,10 @@
 #include <ctime>
 #include <string>
 
-#include "agent/rtdc_globals.h"
+#include "control/rta_banner.h"
 #include "control/rta_text.h"
+
+RtaCmdline rta_cmdline;
 
 namespace rta {
 

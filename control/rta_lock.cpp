@@ -15,7 +15,7 @@
 #include <ctime>
 #include <string>
 
-#include "agent/rtdc_globals.h"
+#include "control/rta_banner.h"
 #include "control/rta_files.h"
 #include "control/rta_priv.h"
 #include "control/rta_text.h"

@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "agent/rtdc_globals.h"
 
 namespace {
 

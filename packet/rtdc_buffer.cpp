@@ -16,7 +16,7 @@
 #include <limits>
 #include <string_view>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
 #include "packet/rtdc_lines.h"
 

@@ -17,7 +17,7 @@
 
 #include "agent/rtdc_clock.h"
 #include "agent/rtdc_connection.h"
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_lines.h"

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_packet.h"

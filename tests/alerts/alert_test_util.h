@@ -12,7 +12,9 @@
 #include <thread>
 #include <utility>
 
-#include "agent/rtdc_globals.h"
+#include "agent/rtdc_log.h"
+#include "alerts/rtal_state.h"
+#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_event.h"
 #include "alerts/rtal_expdef.h"

@@ -17,7 +17,8 @@
 #include <tuple>
 #include <vector>
 
-#include "agent/rtdc_globals.h"
+#include "alerts/rtal_state.h"
+#include "packet/rtdc_state.h"
 #include "alerts/rtal_expdef.h"
 #include "alerts/rtal_tree.h"
 #include "collectors/rtdc_process.h"

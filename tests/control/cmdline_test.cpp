@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "agent/rtdc_globals.h"
+#include "control/rta_banner.h"
 #include "control_test_util.h"
 
 using namespace control_test;

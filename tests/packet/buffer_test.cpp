@@ -13,7 +13,7 @@
 #include <tuple>
 #include <vector>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_packet.h"
 

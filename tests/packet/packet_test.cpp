@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "agent/rtdc_globals.h"
 #include "agent/rtdc_log.h"
+#include "packet/rtdc_state.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_packet.h"
 #include "packet/rtdc_snapshot.h"

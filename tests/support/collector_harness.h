@@ -7,7 +7,7 @@
 #include <sstream>
 #include <vector>
 
-#include "agent/rtdc_globals.h"
+#include "packet/rtdc_state.h"
 #include "alerts/rtal_tree.h"
 #include "collectors/rtdc_disk.h"
 #include "collectors/rtdc_fsstat.h"
