@@ -8,7 +8,6 @@
 #include <ctime>
 #include <string>
 
-#include "packet/rtdc_state.h"
 #include "platform/config.h"
 
 int64_t phymem = 0;
@@ -44,7 +43,7 @@ int GetConfigInfo() {
     return 1;
 }
 
-int rtdc_fill_config(ConfigRecord* record) {
+int rtdc_fill_config(ConfigRecord* record, int scan_interval, int dump_interval) {
     DiskCount = 0;
     *record = ConfigRecord{};
     copy_field(record->coll_name, "Korrin for Sun SOLARIS");
@@ -67,8 +66,8 @@ int rtdc_fill_config(ConfigRecord* record) {
     localtime_r(&now, &local);
     record->gmtoff = static_cast<int32_t>(now - mktime(&utc));
     record->isdst = local.tm_isdst;
-    record->scan_intvl = scan_intvl * 100;
-    record->dump_intvl = dump_intvl / 10;
+    record->scan_intvl = scan_interval * 100;  // hundredths of a second
+    record->dump_intvl = dump_interval / 10;   // tens of seconds
 
     // The network name and address come last: a host whose own name does not resolve
     // still has every other field filled.
@@ -79,7 +78,7 @@ int rtdc_fill_config(ConfigRecord* record) {
     return 1;
 }
 
-int GetConfigInfoORIG() {
-    if (!rtdc_fill_config(&rtdc_config_record)) exit(1);
+int GetConfigInfoORIG(int scan_interval, int dump_interval) {
+    if (!rtdc_fill_config(&rtdc_config_record, scan_interval, dump_interval)) exit(1);
     return 1;
 }

@@ -17,8 +17,8 @@ char* GetPlatform();
 int GetNoCPUs();
 /// Sets phymem. Always 1.
 int GetConfigInfo();
-/// Fills rtdc_config_record; ends the process with status 1 when the host's own name does
-/// not resolve.
-int GetConfigInfoORIG();
+/// Fills rtdc_config_record with the given scan and dump intervals (seconds); ends the
+/// process with status 1 when the host's own name does not resolve.
+int GetConfigInfoORIG(int scan_interval, int dump_interval);
 /// The filling itself: 1, or 0 when the name lookup failed (the record is then partly set).
-int rtdc_fill_config(ConfigRecord* record);
+int rtdc_fill_config(ConfigRecord* record, int scan_interval, int dump_interval);

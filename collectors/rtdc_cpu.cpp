@@ -4,12 +4,8 @@
 
 #include "collectors/rtdc_rate.h"
 
-#include "packet/rtdc_state.h"
-#include "agent/rtdc_log.h"
-#include "alerts/rtal_tree.h"
 #include "collectors/rtdc_complain.h"
-#include "packet/rtdc_buffer.h"
-#include "packet/rtdc_snapshot.h"
+#include "packet/rtdc_output.h"
 
 double CpuUtil = 0.0;
 CpuRecord rtdc_cpu_record{};
@@ -77,6 +73,11 @@ int PerfMachine(ProcessorState* state, MachineRecord* record) {
 
 int GetCPUClassInfo(char** headers, int* nheaders, char** buffers, int* nbuffers, int header_flag,
                     int /*verbose*/) {
+    PacketOutput out(headers, nheaders, buffers, nbuffers);
+    return rtdc_collect_cpu(out, header_flag);
+}
+
+int rtdc_collect_cpu(ClassOutput& out, int header_flag) {
     platform::ReadStatus status = platform::read_cpu(sample, false);
     if (status != platform::ReadStatus::ok) {
         cpu_failures.fail(status == platform::ReadStatus::open_failed ? "kstat_open failed\n"
@@ -87,14 +88,12 @@ int GetCPUClassInfo(char** headers, int* nheaders, char** buffers, int* nbuffers
     const platform::CpuTicks& sums = sample.total;
     if (header_flag == 1) {
         PerfCpu(nullptr, &rtdc_cpu_record);
-        if (start_rtdc == 1)
-            rtdc_buffer_headers(headers, nheaders, &rtdc_cpu_record, CPUCounters, "Cpu");
-        if (counter_added == 0) AddCounter("Cpu", CPUCounters, &rtdc_cpu_record, Metric_Tree);
+        out.announce("Cpu", CPUCounters, &rtdc_cpu_record);
     } else {
         platform::CpuTicks d = rtdc_tick_deltas(sums, previous_sums);
         const uint64_t deltas[4] = {d.idle, d.user, d.kernel, d.wait};
         PerfCpu(deltas, &rtdc_cpu_record);
-        if (start_rtdc == 1) rtdc_buffer_data(buffers, nbuffers, &rtdc_cpu_record, CPUCounters);
+        out.report(&rtdc_cpu_record, CPUCounters);
     }
     previous_sums = sums;
     return 1;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "collectors/rtdc_output.h"
 #include "collectors/rtdc_tables.h"
 #include "platform/cpu.h"
 
@@ -40,6 +41,11 @@ ProcessorState* rtdc_processor_state(int kernel_cpu);
 /// Per-interval tick deltas; a counter that stepped back (the kernel's iowait can) gives 0.
 platform::CpuTicks rtdc_tick_deltas(const platform::CpuTicks& now,
                                     const platform::CpuTicks& before);
+
+/// The two classes' passes (header_flag 1: announce, 0: report), through `out`. 1 on
+/// success, 0 when the processor counters cannot be read.
+int rtdc_collect_cpu(ClassOutput& out, int header_flag);
+int rtdc_collect_machine(ClassOutput& out, int header_flag);
 
 /// Test hooks: forget previous ticks (host-wide class) and per-processor states (machine
 /// class). Only while no metric tree refers to them.

@@ -8,11 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
-#include "alerts/rtal_tree.h"
-#include "packet/rtdc_buffer.h"
-#include "packet/rtdc_snapshot.h"
+#include "packet/rtdc_output.h"
 
 List* fs_list = nullptr;
 int FSCreated = 0;
@@ -66,8 +63,7 @@ FsNode* GetfromFsList(List* list, const char* mount_point) {
     return nullptr;
 }
 
-int NewFs(const char* mount_point, const platform::FsUsage* usage, char** headers, int* nheaders,
-          int x) {
+int NewFs(const char* mount_point, const platform::FsUsage* usage, ClassOutput& out, int x) {
     auto* record = static_cast<FsRecord*>(calloc(1, sizeof(FsRecord)));
     if (!record) {
         RTDCAppendLog("NewFS: malloc failed on fsrcd ");
@@ -92,8 +88,6 @@ int NewFs(const char* mount_point, const platform::FsUsage* usage, char** header
     node->record = record;
     snprintf(record->name, sizeof record->name, "%s", mount_point);
     PerfFs(usage, record);
-    if (x == 0 && start_rtdc == 1)
-        rtdc_buffer_headers(headers, nheaders, record, node->table, whois);
     node->seen = 1;
     if (!AppendToList(&fs_list, node)) {
         node->record = nullptr;
@@ -101,11 +95,12 @@ int NewFs(const char* mount_point, const platform::FsUsage* usage, char** header
         free(record);
         return 0;
     }
-    if (counter_added == 0) AddCounter(whois, node->table, record, Metric_Tree);
+    out.announce(whois, node->table, record,
+                 x == 0 ? HeaderLines::when_sending : HeaderLines::never);
     return 1;
 }
 
-int CreateFs(char** headers, int* nheaders, int x) {
+int CreateFs(ClassOutput& out, int x) {
     if (!fs_list && !CreateList(&fs_list)) return 0;
     if (!platform::read_mounts(mounts)) {
         RTDCAppendLog("Unable to read /etc/mnttab");
@@ -122,24 +117,23 @@ int CreateFs(char** headers, int* nheaders, int x) {
     for (const platform::FsQuery& q : queries) {
         // Figures stay zero when the file system does not answer.
         platform::FsUsage usage = q.answer == platform::FsAnswer::ok ? q.usage : platform::FsUsage{};
-        NewFs(q.dir.c_str(), &usage, headers, nheaders, x);
+        NewFs(q.dir.c_str(), &usage, out, x);
     }
     return 1;
 }
 
-int GenerateFsHeader(char** headers, int* nheaders) {
+int GenerateFsHeader(ClassOutput& out) {
     if (!fs_list) return 1;
     for (ListItem* item = fs_list->first; item; item = item->next) {
         auto* node = static_cast<FsNode*>(item->data);
         // The record, not the node, is what the table's offsets describe.
-        if (start_rtdc == 1)
-            rtdc_buffer_headers(headers, nheaders, node->record, node->table, whois);
-        AddCounter(whois, node->table, node->record, Metric_Tree);
+        out.announce(whois, node->table, node->record, HeaderLines::when_sending,
+                     TreeCounters::always);
     }
     return 1;
 }
 
-int PrintFsInfo(char** buffers, int* nbuffers) {
+int PrintFsInfo(ClassOutput& out) {
     if (!fs_list) return 1;
     for (ListItem* item = fs_list->first; item; item = item->next)
         static_cast<FsNode*>(item->data)->seen = 0;
@@ -165,24 +159,16 @@ int PrintFsInfo(char** buffers, int* nbuffers) {
         // An error answer leaves zero figures.
         platform::FsUsage usage = answer == platform::FsAnswer::ok ? queries[i].usage : platform::FsUsage{};
         PerfFs(&usage, node->record);
-        if (start_rtdc == 1)
-            rtdc_buffer_data(buffers, nbuffers, node->record, node->table);
-        else if (counter_added == 0)
-            AddCounter(whois, node->table, node->record, Metric_Tree);
+        out.report_or_register(whois, node->table, node->record);
     }
     return 1;
 }
 
-int RemoveFsFromTree(const char* mount_point) {
-    char path[512];
-    snprintf(path, sizeof path, "%s->%s", whois, mount_point);
-    treeNode* node = nullptr;
-    if (!SearchDescription1(path, Metric_Tree, &node, 0) || !node) return 0;
-    RemoveNode(node);
-    return 1;
+int RemoveFsFromTree(ClassOutput& out, const char* mount_point) {
+    return out.withdraw(whois, mount_point) ? 1 : 0;
 }
 
-int ScanFs() {
+int ScanFs(ClassOutput& out) {
     if (!fs_list) return 1;
     ListItem* item = fs_list->first;
     while (item) {
@@ -190,7 +176,7 @@ int ScanFs() {
         auto* node = static_cast<FsNode*>(item->data);
         if (!node->seen) {
             RemoveItem(fs_list, item);
-            RemoveFsFromTree(node->mount_point);
+            RemoveFsFromTree(out, node->mount_point);
             free_node(node);
         }
         item = next;
@@ -200,15 +186,20 @@ int ScanFs() {
 
 int GetFsStatClassInfo(char** headers, int* nheaders, char** buffers, int* nbuffers,
                        int header_flag, int x) {
+    PacketOutput out(headers, nheaders, buffers, nbuffers);
+    return rtdc_collect_fs(out, header_flag, x);
+}
+
+int rtdc_collect_fs(ClassOutput& out, int header_flag, int x) {
     if (header_flag) {
         if (FSCreated == 0) {
-            CreateFs(headers, nheaders, x);
+            CreateFs(out, x);
             FSCreated = 1;
         }
-        GenerateFsHeader(headers, nheaders);
+        GenerateFsHeader(out);
     } else {
-        ScanFs();
-        PrintFsInfo(buffers, nbuffers);
+        ScanFs(out);
+        PrintFsInfo(out);
     }
     return 1;
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "agent/rtdc_list.h"
+#include "collectors/rtdc_output.h"
 #include "collectors/rtdc_tables.h"
 #include "platform/fs.h"
 
@@ -22,21 +23,26 @@ extern const char whois[];  // the class prefix, "FileSystem"
 /// Longest wait for one file system's answer before it counts as stuck, in milliseconds.
 extern int rtdc_fs_timeout_ms;
 
-/// Builds fs_list from the mount table; `x` is the sixth value of the class call.
-int CreateFs(char** headers, int* nheaders, int x);
+/// The class's pass (header_flag 1: announce, 0: report), through `out`; `x` is the sixth
+/// value of the class call. Returns 1.
+int rtdc_collect_fs(ClassOutput& out, int header_flag, int x);
+/// Builds fs_list from the mount table, announcing each file system as it is made, with
+/// its header lines only when `x` is 0 (the announcement of GenerateFsHeader that follows
+/// writes them in any case).
+int CreateFs(ClassOutput& out, int x);
 /// One node, record and table copy for a mount point; see CreateFs for `x`.
-int NewFs(const char* mount_point, const platform::FsUsage* usage, char** headers, int* nheaders,
-          int x);
-/// Header lines and tree counters for every node.
-int GenerateFsHeader(char** headers, int* nheaders);
-/// The data pass over the mount table.
-int PrintFsInfo(char** buffers, int* nbuffers);
+int NewFs(const char* mount_point, const platform::FsUsage* usage, ClassOutput& out, int x);
+/// Announces every node, registering its counters on every header pass.
+int GenerateFsHeader(ClassOutput& out);
+/// The data pass over the mount table: values of the file systems still mounted, or their
+/// counters registered when no console is served.
+int PrintFsInfo(ClassOutput& out);
 /// Drops the nodes the last data pass did not find mounted, from the list and the tree.
-int ScanFs();
+int ScanFs(ClassOutput& out);
 /// The node of a mount point, or null.
 FsNode* GetfromFsList(List* list, const char* mount_point);
-/// Removes "FileSystem-><mount point>" from the metric tree; 1 when a node was removed.
-int RemoveFsFromTree(const char* mount_point);
+/// Withdraws "FileSystem-><mount point>"; 1 when counters were withdrawn.
+int RemoveFsFromTree(ClassOutput& out, const char* mount_point);
 /// Fills the record's space figures. Returns 1.
 int PerfFs(const platform::FsUsage* usage, FsRecord* record);
 

@@ -7,13 +7,9 @@
 #include <memory>
 #include <vector>
 
-#include "packet/rtdc_state.h"
-#include "agent/rtdc_log.h"
-#include "alerts/rtal_tree.h"
 #include "collectors/rtdc_complain.h"
 #include "collectors/rtdc_cpu.h"
-#include "packet/rtdc_buffer.h"
-#include "packet/rtdc_snapshot.h"
+#include "packet/rtdc_output.h"
 
 namespace {
 std::vector<std::unique_ptr<ProcessorState>> states;  // indexed by kernel processor number
@@ -53,6 +49,11 @@ ProcessorState* rtdc_processor_state(int kernel_cpu) {
 
 int GetMachineClassInfo(char** headers, int* nheaders, char** buffers, int* nbuffers,
                         int header_flag, int /*verbose*/) {
+    PacketOutput out(headers, nheaders, buffers, nbuffers);
+    return rtdc_collect_machine(out, header_flag);
+}
+
+int rtdc_collect_machine(ClassOutput& out, int header_flag) {
     platform::ReadStatus status = platform::read_cpu(sample, header_flag == 1);
     if (status != platform::ReadStatus::ok) {
         machine_failures.fail(status == platform::ReadStatus::open_failed
@@ -76,15 +77,13 @@ int GetMachineClassInfo(char** headers, int* nheaders, char** buffers, int* nbuf
             if (name_table(s)) {
                 s.record.cpu_id = s.number;
                 s.record.clock_mhz = s.clock_mhz;
-                if (start_rtdc == 1)
-                    rtdc_buffer_headers(headers, nheaders, &s.record, s.table, "Cpu");
-                if (counter_added == 0) AddCounter("Cpu", s.table, &s.record, Metric_Tree);
+                out.announce("Cpu", s.table, &s.record);
             }
         } else if (s.table) {
             // A processor that appeared since the last header pass has no ids the console
             // knows; it is reported from the next header pass on.
             PerfMachine(&s, &s.record);
-            if (start_rtdc == 1) rtdc_buffer_data(buffers, nbuffers, &s.record, s.table);
+            out.report(&s.record, s.table);
         }
         s.previous = s.current;
     }

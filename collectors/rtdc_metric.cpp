@@ -5,12 +5,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "packet/rtdc_state.h"
-#include "alerts/rtal_tree.h"
 #include "collectors/rtdc_complain.h"
 #include "collectors/rtdc_rate.h"
-#include "packet/rtdc_buffer.h"
-#include "packet/rtdc_snapshot.h"
+#include "packet/rtdc_output.h"
 #include "platform/clock.h"
 
 MetricRecord rtdc_metric_record{};
@@ -56,6 +53,11 @@ int PerfMetric(const MetricSample* sample, MetricRecord* record) {
 
 int GetMetricClassInfo(char** headers, int* nheaders, char** buffers, int* nbuffers,
                        int header_flag, int /*verbose*/) {
+    PacketOutput out(headers, nheaders, buffers, nbuffers);
+    return rtdc_collect_metric(out, header_flag);
+}
+
+int rtdc_collect_metric(ClassOutput& out, int header_flag) {
     platform::MemoryInfo memory;
     if (!platform::read_memory(memory)) {
         complain(memory_failures, "memory figures");
@@ -70,10 +72,7 @@ int GetMetricClassInfo(char** headers, int* nheaders, char** buffers, int* nbuff
         // Only the memory size is an attribute sent with the headers; the paging baseline
         // stays, so the first data pass still reports rates since the last sample (or boot).
         PerfMetric(&sample, &rtdc_metric_record);
-        if (start_rtdc == 1)
-            rtdc_buffer_headers(headers, nheaders, &rtdc_metric_record, MetricCounters, kClass);
-        if (counter_added == 0)
-            AddCounter(kClass, MetricCounters, &rtdc_metric_record, Metric_Tree);
+        out.announce(kClass, MetricCounters, &rtdc_metric_record);
         return 1;
     }
 
@@ -96,7 +95,7 @@ int GetMetricClassInfo(char** headers, int* nheaders, char** buffers, int* nbuff
         complain(paging_failures, "paging counters");  // memory figures still go out
     }
     PerfMetric(&sample, &rtdc_metric_record);
-    if (start_rtdc == 1) rtdc_buffer_data(buffers, nbuffers, &rtdc_metric_record, MetricCounters);
+    out.report(&rtdc_metric_record, MetricCounters);
     return 1;
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "collectors/rtdc_output.h"
 #include "collectors/rtdc_tables.h"
 #include "platform/memory.h"
 
@@ -20,6 +21,10 @@ struct MetricSample {
 /// Fills the memory figures and, when `seconds` > 0, the paging rates; with no interval the
 /// paging figures keep their last values. Returns 1.
 int PerfMetric(const MetricSample* sample, MetricRecord* record);
+
+/// The class's pass (header_flag 1: announce, 0: report), through `out`. 1 on success, 0
+/// when the memory figures cannot be read.
+int rtdc_collect_metric(ClassOutput& out, int header_flag);
 
 /// Test hook: forget the previous counters and figures.
 void rtdc_metric_reset_for_tests();

@@ -118,11 +118,8 @@ TEST_F(ProcessorClasses, PerProcessorInstancesFollowTheProcessorsPresent) {
 }
 
 TEST(ConfigClass, HostDescriptionAndIntervals) {
-    scan_intvl = 3;
-    dump_intvl = -15;
     ConfigRecord rec{};
-    rtdc_fill_config(&rec);
-    scan_intvl = dump_intvl = 2;
+    rtdc_fill_config(&rec, 3, -15);
     EXPECT_EQ(rec.phymem, static_cast<int64_t>(sysconf(_SC_PHYS_PAGES)) * getpagesize() / 1024);
     EXPECT_EQ(rec.scan_intvl, 300);                // hundredths of a second
     EXPECT_EQ(rec.dump_intvl, -1);                 // tens of seconds, rounded towards 0

@@ -1,0 +1,35 @@
+#include "packet/rtdc_output.h"
+
+#include <cstdio>
+
+#include "alerts/rtal_tree.h"
+#include "packet/rtdc_buffer.h"
+#include "packet/rtdc_state.h"
+
+void PacketOutput::announce(const char* class_name, CounterDef* table, void* record,
+                            HeaderLines lines, TreeCounters tree) {
+    if (lines == HeaderLines::when_sending && start_rtdc == 1)
+        rtdc_buffer_headers(headers_, nheaders_, record, table, class_name);
+    if (tree == TreeCounters::always || counter_added == 0)
+        AddCounter(class_name, table, record, Metric_Tree);
+}
+
+void PacketOutput::report(const void* record, const CounterDef* table) {
+    if (start_rtdc == 1) rtdc_buffer_data(buffers_, nbuffers_, record, table);
+}
+
+void PacketOutput::report_or_register(const char* class_name, CounterDef* table, void* record) {
+    if (start_rtdc == 1)
+        rtdc_buffer_data(buffers_, nbuffers_, record, table);
+    else if (counter_added == 0)
+        AddCounter(class_name, table, record, Metric_Tree);
+}
+
+bool PacketOutput::withdraw(const char* class_name, const char* instance) {
+    char path[512];
+    snprintf(path, sizeof path, "%s->%s", class_name, instance);
+    treeNode* node = nullptr;
+    if (!SearchDescription1(path, Metric_Tree, &node, 0) || !node) return false;
+    RemoveNode(node);
+    return true;
+}

@@ -1,0 +1,24 @@
+// The collectors' output seam as the agent runs it: header and data lines into the line
+// arrays of the pass while a console is served, counters into the metric tree until the
+// first header pass has registered them.
+#pragma once
+
+#include "collectors/rtdc_output.h"
+
+class PacketOutput final : public ClassOutput {
+  public:
+    PacketOutput(char** headers, int* nheaders, char** buffers, int* nbuffers)
+        : headers_(headers), nheaders_(nheaders), buffers_(buffers), nbuffers_(nbuffers) {}
+
+    void announce(const char* class_name, CounterDef* table, void* record, HeaderLines lines,
+                  TreeCounters tree) override;
+    void report(const void* record, const CounterDef* table) override;
+    void report_or_register(const char* class_name, CounterDef* table, void* record) override;
+    bool withdraw(const char* class_name, const char* instance) override;
+
+  private:
+    char** headers_;
+    int* nheaders_;
+    char** buffers_;
+    int* nbuffers_;
+};
