@@ -5,9 +5,9 @@
 #include <atomic>
 #include <mutex>
 
-extern std::atomic<int> start_rtal;  // 1 while alert checking runs. Written by start-up
-                                     // (settings), the alert-interval and description
-                                     // handlers; read by the tick.
+extern std::atomic<int> start_rtal;    // 1 while alert checking runs. Written by start-up
+                                       // (settings), the alert-interval and description
+                                       // handlers; read by the tick.
 extern std::atomic<int> rtal_intvl;    // seconds between alert checks. Written by the
                                        // alert-interval handler; read by the tick.
 extern std::atomic<int> rtal_counter;  // seconds left until the next check. Written by the

@@ -80,7 +80,7 @@ TEST_F(Announced, ProcessorsAreAnnouncedByTheirCurrentNumber) {
     CapturedOutput head, data;
     ASSERT_EQ(rtdc_collect_machine(head, 1), 1);
     EXPECT_EQ(first_rows(head), (std::vector<std::string>{" 0-> Processor ID", " 1-> Processor ID",
-                                                       " 2-> Processor ID"}));
+                                                          " 2-> Processor ID"}));
     for (const auto& a : head.announced) EXPECT_EQ(a.class_name, "Cpu");
     use_fixture("cpu-smp-2");  // cpu2 is back: it reports only after the next header pass
     ASSERT_EQ(rtdc_collect_machine(data, 0), 1);

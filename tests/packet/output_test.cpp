@@ -54,9 +54,9 @@ TEST_F(Output, AnnouncementWritesLinesWhileServedAndRegistersWhileDue) {
           {1, 0, HeaderLines::never, TreeCounters::until_registered, 0, true},
           {0, 1, HeaderLines::when_sending, TreeCounters::always, 0, true},
           {1, 1, HeaderLines::never, TreeCounters::always, 0, true}}) {
-        SCOPED_TRACE(testing::Message() << "served " << served << " registered " << added
-                                        << " lines " << static_cast<int>(lines) << " tree "
-                                        << static_cast<int>(tree));
+        SCOPED_TRACE(testing::Message()
+                     << "served " << served << " registered " << added << " lines "
+                     << static_cast<int>(lines) << " tree " << static_cast<int>(tree));
         clear();
         start_rtdc = served;
         counter_added = added;
