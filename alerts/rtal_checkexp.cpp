@@ -15,6 +15,7 @@
 #include "agent/rtdc_log.h"
 #include "alerts/rtal_expdef.h"
 #include "alerts/rtal_io.h"
+#include "collectors/rtdc_value_types.h"
 
 List* Alert_list = nullptr;
 
@@ -65,51 +66,15 @@ MetricDescription* live_metric(ExceptionObject* rule, const LiveMetrics& live) {
     return rule->metric;
 }
 
-// Adds one instance's value to `value` by the description's type code.
+// Adds one instance's value to `value` as the description's type code reads it.
 void add_instance_value(const MetricDescription* m, const void* base, double& value) {
-    const char* p = static_cast<const char*>(base) + m->offset;
-    switch (m->type) {
-        case 1:
-        case 8: {
-            int32_t v;
-            memcpy(&v, p, sizeof v);
-            value += static_cast<double>(v);
-            break;
-        }
-        case 2:
-        case 6: {
-            int64_t v;
-            memcpy(&v, p, sizeof v);
-            value += static_cast<double>(v);
-            break;
-        }
-        case 3:
-        case 10:
-        case 11:
-        case 12:
-            break;  // texts and header-only attributes carry no number
-        case 4: {
-            double v;
-            memcpy(&v, p, sizeof v);
-            value += v;
-            break;
-        }
-        case 7: {
-            float v;
-            memcpy(&v, p, sizeof v);
-            value += static_cast<double>(v);
-            break;
-        }
-        case 9: {
-            uint16_t v;
-            memcpy(&v, p, sizeof v);
-            value += static_cast<double>(v);
-            break;
-        }
-        default:
-            RTDCAppendLog("rtal_checkexp: unknown data type \n");
-            break;
+    const ValueType& type = value_type(static_cast<int32_t>(m->type));
+    if (!type.alerts_know) {
+        RTDCAppendLog("rtal_checkexp: unknown data type \n");
+        return;
     }
+    // Texts and header-only attributes carry no number.
+    if (type.alert_read != Storage::none) value += stored_number(type.alert_read, base, m->offset);
 }
 
 // -1 for an unknown condition text.

@@ -18,6 +18,7 @@
 
 #include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
+#include "collectors/rtdc_value_types.h"
 #include "packet/rtdc_lines.h"
 
 char* rtdc_data_headers[kMaxLines];
@@ -160,14 +161,6 @@ void prefetch_for_headers(const CounterDef* table) {
     }
 }
 
-// Values are read at record start plus the row's offset, with the width the type gives.
-template <typename T>
-T value_at(const void* record, int32_t offset) {
-    T v;
-    memcpy(&v, static_cast<const char*>(record) + offset, sizeof v);
-    return v;
-}
-
 const char* text_at(const void* record, int32_t offset) {
     return static_cast<const char*>(record) + offset;
 }
@@ -190,52 +183,39 @@ std::string_view separator_for(const CounterDef& row) {
     return row.marker ? std::string_view("~^1~^->") : std::string_view("->");
 }
 
-// The ",value" suffix of an attribute row in an ordinary header line; false when the type
-// carries no header value.
-bool put_header_value(LineBuilder& line, const CounterDef& row, const void* record) {
-    switch (row.type) {
-        case 10:
-        case 15:
-            line.put(',');
-            line.put_int(value_at<int32_t>(record, row.offset));
-            return true;
-        case 11:
-        case 16:
-            line.put(',');
-            line.put(text_at(record, row.offset),
-                     strnlen(text_at(record, row.offset), kDataString));
-            return true;
-        case 12:
-        case 17:
-            line.put(',');
-            line.put_hex8(value_at<uint32_t>(record, row.offset));
-            return true;
-        case 13:
-        case 18:
-            line.put(',');
-            line.put_g(value_at<double>(record, row.offset));
-            return true;
-        default:
-            return false;
+// One value in the form its type gives.
+void put_value(LineBuilder& line, ValueForm form, const void* record, int32_t offset) {
+    switch (form.shown) {
+        case Shown::integer:
+            line.put_int(stored_integer(form.storage, record, offset));
+            break;
+        case Shown::text: {
+            const char* text = text_at(record, offset);
+            line.put(text, strnlen(text, kDataString));  // never beyond what one line can hold
+            break;
+        }
+        case Shown::fixed2:
+            line.put_fixed2(stored_number(form.storage, record, offset));
+            break;
+        case Shown::hex8:
+            line.put_hex8(static_cast<uint32_t>(stored_integer(form.storage, record, offset)));
+            break;
+        case Shown::general:
+            line.put_g(stored_number(form.storage, record, offset));
+            break;
+        case Shown::none:
+            break;
     }
 }
 
-// The same for process header lines, which also know 64-bit values (type 20) and read the
-// hexadecimal types as 64 bits.
-bool put_process_header_value(LineBuilder& line, const CounterDef& row, const void* record) {
-    switch (row.type) {
-        case 12:
-        case 17:
-            line.put(',');
-            line.put_hex8(static_cast<uint32_t>(value_at<uint64_t>(record, row.offset)));
-            return true;
-        case 20:
-            line.put(',');
-            line.put_int(value_at<int64_t>(record, row.offset));
-            return true;
-        default:
-            return put_header_value(line, row, record);
-    }
+// The ",value" suffix of an attribute row in a header line; false when the type carries no
+// header value there.
+bool put_header_value(LineBuilder& line, ValueForm form, const CounterDef& row,
+                      const void* record) {
+    if (form.shown == Shown::none) return false;
+    line.put(',');
+    put_value(line, form, record, row.offset);
+    return true;
 }
 
 }  // namespace
@@ -256,7 +236,9 @@ int rtdc_buffer_headers(char** headers, int* count, const void* data_record, Cou
         line.put_field(row->name, sizeof row->name);
         put_row_fields(line, *row);
         // An attribute row whose type has no header value gives no line at all.
-        if (row->is_counter == 0 && !put_header_value(line, *row, data_record)) continue;
+        if (row->is_counter == 0 &&
+            !put_header_value(line, value_type(row->type).header, *row, data_record))
+            continue;
         line.put('\n');
         const char* text = line.finish();
         if (rtdc_lines::store(headers, count, &n_rtdc_header_len, text, line.size())) ++added;
@@ -287,7 +269,9 @@ int rtdc_buffer_process_headers(char** headers, int* count, CounterDef* table,
             line.put(")->");
             line.put_field(row->name, sizeof row->name);
             put_row_fields(line, *row);
-            made = row->is_counter == 1 || put_process_header_value(line, *row, data_record);
+            made = row->is_counter == 1 ||
+                   put_header_value(line, value_type(row->type).process_header, *row,
+                                    data_record);
             line.put('\n');
         }
         // Consoles count process header entries, so a row that makes no line still takes
@@ -306,57 +290,16 @@ int rtdc_buffer_data(char** buffers, int* count, const void* data_record, const 
     LineBuilder line(room ? room : local, kDataString);
     int index = 0;
     for (const CounterDef* row = table; row && row->id != 0; ++row, ++index) {
-        const int32_t type = row->type;
-        if (type >= 10 && type <= 14) continue;  // header-only attributes
-        switch (type) {
-            case 1:
-            case 9:
-            case 15:
-            case 2:
-            case 3:
-            case 16:
-            case 4:
-            case 18:
-            case 6:
-            case 7:
-            case 8:
-            case 17:
-                break;
-            default:
-                rtdc_logf("Unknown type in meta data %d, m[%d].id = %d\n", type, index, row->id);
-                continue;
+        const ValueType& type = value_type(row->type);
+        if (!type.in_data_lines) {
+            if (!type.header_only)
+                rtdc_logf("Unknown type in meta data %d, m[%d].id = %d\n", row->type, index,
+                          row->id);
+            continue;
         }
         line.put_int(row->id);
         line.put('=');
-        switch (type) {
-            case 1:
-            case 15:
-                line.put_int(value_at<int32_t>(data_record, row->offset));
-                break;
-            case 9:
-                line.put_int(value_at<int16_t>(data_record, row->offset));
-                break;
-            case 2:
-            case 6:
-                line.put_int(value_at<int64_t>(data_record, row->offset));
-                break;
-            case 3:
-            case 16: {
-                const char* text = text_at(data_record, row->offset);
-                line.put(text, strnlen(text, kDataString));  // never beyond what one line can hold
-                break;
-            }
-            case 4:
-            case 18:
-                line.put_fixed2(value_at<double>(data_record, row->offset));
-                break;
-            case 7:
-                line.put_fixed2(static_cast<double>(value_at<float>(data_record, row->offset)));
-                break;
-            default:  // 8 and 17: a 64-bit value, its low 32 bits printed
-                line.put_hex8(static_cast<uint32_t>(value_at<uint64_t>(data_record, row->offset)));
-                break;
-        }
+        put_value(line, type.data, data_record, row->offset);
         line.put('\n');
     }
     const char* text = line.finish();
