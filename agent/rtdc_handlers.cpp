@@ -1,7 +1,6 @@
 // One handler per request tag. Each reads the rest of its request from the connection's
 // stream, acts, and answers only through the alerting side's replies: failures are logged,
 // never sent to the console.
-#include <dirent.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include "alerts/rtal_event.h"
 #include "alerts/rtal_expdef.h"
 #include "packet/rtdc_buffer.h"
+#include "platform/process.h"
 
 char Served_client_addr[16];
 
@@ -207,14 +207,11 @@ int handle_redirect_request(int fd) {
 }
 
 int get_process_count() {
-    DIR* dir = opendir("/proc");
-    if (!dir) {
+    int count = platform::count_proc_entries();
+    if (count < 0) {
         fprintf(stderr, "vornrta: unable to open /proc\n");
         return 0;
     }
-    int count = 0;
-    while (readdir(dir)) ++count;  // "." and ".." included
-    closedir(dir);
     return count;
 }
 

@@ -23,6 +23,7 @@
 #include "control/rta_files.h"
 #include "control/rta_lock.h"
 #include "control/rta_priv.h"
+#include "platform/roots.h"
 
 unsigned char PACKET[72];
 
@@ -187,6 +188,7 @@ int rtdc_main(int argc, char** argv) {
                 strerror(errno));
         exit(1);
     }
+    platform::set_roots(platform::counter_roots(rta_cmdline.proc_dir, rta_cmdline.sys_dir));
 
     if (rta_cmdline.usage) {
         rta_print_usage();

@@ -73,7 +73,7 @@ struct Zone {
 };
 
 Zone caller_zone() {
-    const std::string& proc = platform::roots().proc;
+    const std::string& proc = platform::roots().own_proc;
     return {read_ns_at(AT_FDCWD, (proc + "/self/ns/pid").c_str()),
             read_ns_depth_at(AT_FDCWD, (proc + "/self/status").c_str())};
 }
@@ -191,7 +191,7 @@ bool is_pid_name(const char* name) {
 // that the caller is not met under a second name. False when the root cannot be opened.
 template <typename Visit>
 bool scan_proc(Visit visit) {
-    const std::string& root = platform::roots().proc;
+    const std::string& root = platform::roots().own_proc;
     DIR* d = opendir(root.c_str());
     if (!d) return false;
     while (struct dirent* e = readdir(d)) {
@@ -252,7 +252,7 @@ int findproc(const char* name, int pid, int verbose) {
     priv_on();
 
     // The recorded pid first: almost always the answer.
-    const std::string path = platform::roots().proc + "/" + std::to_string(pid);
+    const std::string path = platform::roots().own_proc + "/" + std::to_string(pid);
     ProcRecord rec;
     ReadOutcome out = read_record(path, &rec);
     if (out.stage == Stage::ok && matches_within(rec, mine, name, pid)) {

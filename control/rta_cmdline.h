@@ -51,6 +51,8 @@ struct RtaCmdline {
     char tmp_dir[512];
     char settings_dir[512];
     char allow[512];  // consoles allowed to connect (ALLOW~); empty allows everyone
+    char proc_dir[512];  // where the counters' proc tree is (PROC_DIR~); empty: /proc
+    char sys_dir[512];   // where the counters' sys tree is (SYS_DIR~); empty: /sys
 };
 
 extern RtaCmdline rta_cmdline;

@@ -124,6 +124,10 @@ int rta_parse_startup_file(RtaCmdline* record) {
             store_trimmed_value(record->address, sizeof record->address, v + 8);
         } else if ((v = strstr(line, "ALLOW~"))) {
             store_trimmed_value(record->allow, sizeof record->allow, v + 6);
+        } else if ((v = strstr(line, "PROC_DIR~"))) {
+            store_trimmed_value(record->proc_dir, sizeof record->proc_dir, v + 9);
+        } else if ((v = strstr(line, "SYS_DIR~"))) {
+            store_trimmed_value(record->sys_dir, sizeof record->sys_dir, v + 8);
         } else {
             continue;
         }

@@ -52,6 +52,10 @@ using KnownUid = bool (*)(const ProcessSample& sample, uint32_t& uid, void* arg)
 /// process's status is read.
 int read_processes(ProcessVisitor visit, void* arg, KnownUid known_uid = nullptr);
 
+/// Entries of the proc root, "." and ".." included, or -1 (errno set) when it cannot be
+/// listed.
+int count_proc_entries();
+
 /// One process by pid; false when it does not exist (or vanished during the read).
 bool read_process(int32_t pid, ProcessSample& out);
 

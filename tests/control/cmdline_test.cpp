@@ -2,10 +2,13 @@
 // path rewrite and the install paths derived from the program's location.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include <cstring>
 #include <vector>
 
 #include "control/rta_banner.h"
+#include "platform/roots.h"
 #include "control_test_util.h"
 
 using namespace control_test;
@@ -220,6 +223,39 @@ TEST(SettingsFile, AddressAndAllowAreReadButNeverWritten) {
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(read_file(t / (std::string("rta_") + r.rec.hostname + ".config")),
               read_file(kFixtures + "control/settings-written.config"));
+}
+
+TEST(SettingsFile, CounterTreesAreReadAndNeverWritten) {
+    // settings text; proc directory, sys directory read from it
+    for (auto [text, proc, sys] : {std::tuple<std::string, std::string, std::string>{
+                                       "PROC_DIR~ /host/proc \t\r\nSYS_DIR~/host/sys\n", "/host/proc", "/host/sys"},
+                                   {"SYS_DIR~/s\n", "", "/s"},
+                                   {"# PROC_DIR~/commented\n", "/commented", ""},
+                                   {"PROC_DIR~" + std::string(600, 'p') + "\n", std::string(502, 'p'), ""}}) {
+        SCOPED_TRACE(text);
+        Parsed r = read_settings(text);
+        EXPECT_EQ(r.result, 1);
+        EXPECT_EQ(std::string(r.rec.proc_dir) + "|" + r.rec.sys_dir, proc + "|" + sys);
+        EXPECT_EQ(settings(r.rec), settings(default_record()));  // nothing else changes
+    }
+    // The counters read the trees given, the mount table through them; the agent still
+    // finds itself among its own processes.
+    platform::Roots roots = platform::counter_roots("/host/proc", "/host/sys");
+    EXPECT_EQ(roots.proc + " " + roots.sys + " " + roots.mounts + " " + roots.own_proc,
+              "/host/proc /host/sys /host/proc/self/mounts /proc");
+    roots = platform::counter_roots("", "");
+    EXPECT_EQ(roots.proc + " " + roots.sys + " " + roots.mounts, "/proc /sys /proc/self/mounts");
+
+    TempDir t;
+    RtaCmdline w = default_record();
+    snprintf(w.settings_dir, sizeof w.settings_dir, "%s", t.path.c_str());
+    snprintf(w.proc_dir, sizeof w.proc_dir, "/host/proc");
+    snprintf(w.sys_dir, sizeof w.sys_dir, "/host/sys");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(rta_write_settings_file(&w), 1);
+    testing::internal::GetCapturedStdout();
+    const std::string written = read_file(t / (std::string("rta_") + w.hostname + ".config"));
+    EXPECT_EQ(written.find("_DIR~/host"), std::string::npos);
 }
 
 TEST(InstallPaths, UpdateAndProgramLocation) {

@@ -45,7 +45,7 @@ inline const std::string kFixtures = std::string(VORN_SOURCE_DIR) + "/tests/fixt
 inline void add_proc(const std::string& root, int pid, const std::string& comm) {
     write_file(root + "/" + std::to_string(pid) + "/stat", std::to_string(pid) + " (" + comm + ") S 1 1 1 0 -1 0\n");
 }
-inline void use_proc_root(const std::string& root) { platform::Roots r; r.proc = root; platform::set_roots(r); }
+inline void use_proc_root(const std::string& root) { platform::Roots r; r.own_proc = root; platform::set_roots(r); }
 /// A settings record with the built-in defaults, as main sets it up.
 inline RtaCmdline default_record() { RtaCmdline r{}; rta_init_command_line(&r); return r; }
 

@@ -13,7 +13,7 @@
 namespace vorntest {
 
 inline platform::Roots roots_under(const std::string& dir) {
-    return {dir + "/proc", dir + "/sys", dir + "/proc/self/mounts"};
+    return {dir + "/proc", dir + "/sys", dir + "/proc/self/mounts", dir + "/proc"};
 }
 
 inline void use_fixture(const std::string& name) {
