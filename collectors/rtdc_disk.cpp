@@ -11,12 +11,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "packet/rtdc_state.h"
-#include "alerts/rtal_tree.h"
 #include "collectors/rtdc_complain.h"
 #include "collectors/rtdc_rate.h"
-#include "packet/rtdc_buffer.h"
-#include "packet/rtdc_snapshot.h"
+#include "packet/rtdc_output.h"
 
 int DiskCount = 0;
 
@@ -99,6 +96,11 @@ int PerfDisk(const DiskState* state, DiskRecord* record) {
 
 int GetDiskClassInfo(char** headers, int* nheaders, char** buffers, int* nbuffers, int header_flag,
                      int /*verbose*/) {
+    PacketOutput out(headers, nheaders, buffers, nbuffers);
+    return rtdc_collect_disk(out, header_flag);
+}
+
+int rtdc_collect_disk(ClassOutput& out, int header_flag) {
     if (!platform::read_disks(devices)) {
         failures.fail("kstat_open failed in disk info\n");
         return 0;
@@ -116,15 +118,13 @@ int GetDiskClassInfo(char** headers, int* nheaders, char** buffers, int* nbuffer
     for (DiskInstance* d : listed) {
         if (header_flag == 1) {
             PerfDisk(&d->state, &d->record);  // totals since boot
-            if (start_rtdc == 1)
-                rtdc_buffer_headers(headers, nheaders, &d->record, d->table, kClass);
-            if (counter_added == 0) AddCounter(kClass, d->table, &d->record, Metric_Tree);
+            out.announce(kClass, d->table, &d->record);
         } else {
             // A device gone since the header pass did nothing in this interval.
             DiskState working{};
             if (d->present) working.io = growth(d->state.io, d->previous);
             PerfDisk(&working, &d->record);
-            if (start_rtdc == 1) rtdc_buffer_data(buffers, nbuffers, &d->record, d->table);
+            out.report(&d->record, d->table);
         }
         if (d->present) d->previous = d->state.io;
     }

@@ -2,6 +2,7 @@
 // operation and byte counts.
 #pragma once
 
+#include "collectors/rtdc_output.h"
 #include "collectors/rtdc_tables.h"
 #include "platform/disk.h"
 
@@ -23,6 +24,10 @@ int PerfDisk(const DiskState* state, DiskRecord* record);
 
 /// The record of a device announced by the last header pass (tests, alerting), or null.
 const DiskRecord* rtdc_disk_record(const char* device);
+
+/// The class's pass (header_flag 1: announce, 0: report), through `out`. 1 on success,
+/// 0 when the device counters cannot be read.
+int rtdc_collect_disk(ClassOutput& out, int header_flag);
 
 /// Test hook: forget every device. Only while no metric tree refers to their records.
 void rtdc_disk_reset_for_tests();

@@ -5,12 +5,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "packet/rtdc_state.h"
-#include "alerts/rtal_tree.h"
 #include "collectors/rtdc_complain.h"
 #include "collectors/rtdc_rate.h"
-#include "packet/rtdc_buffer.h"
-#include "packet/rtdc_snapshot.h"
+#include "packet/rtdc_output.h"
 #include "platform/clock.h"
 
 NetRecord rtdc_net_record{};
@@ -128,12 +125,15 @@ int PerfNet(const platform::NetProtoCounters* delta, double seconds, NetRecord* 
 
 int GetNetClassInfo(char** headers, int* nheaders, char** buffers, int* nbuffers, int header_flag,
                     int /*verbose*/) {
+    PacketOutput out(headers, nheaders, buffers, nbuffers);
+    return rtdc_collect_net(out, header_flag);
+}
+
+int rtdc_collect_net(ClassOutput& out, int header_flag) {
     if (header_flag == 1) {
         // Every row is a rate: the headers carry no value, so nothing is read here and
         // the rate baseline stays where the last data pass left it.
-        if (start_rtdc == 1)
-            rtdc_buffer_headers(headers, nheaders, &rtdc_net_record, NetCounters, kClass);
-        if (counter_added == 0) AddCounter(kClass, NetCounters, &rtdc_net_record, Metric_Tree);
+        out.announce(kClass, NetCounters, &rtdc_net_record);
         return 1;
     }
     platform::NetProtoCounters now;
@@ -153,7 +153,7 @@ int GetNetClassInfo(char** headers, int* nheaders, char** buffers, int* nbuffers
         previous = now;
         interval.advance(time_now);
     }
-    if (start_rtdc == 1) rtdc_buffer_data(buffers, nbuffers, &rtdc_net_record, NetCounters);
+    out.report(&rtdc_net_record, NetCounters);
     return 1;
 }
 

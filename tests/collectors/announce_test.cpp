@@ -8,8 +8,10 @@
 #include <vector>
 
 #include "collectors/rtdc_cpu.h"
+#include "collectors/rtdc_disk.h"
 #include "collectors/rtdc_fsstat.h"
 #include "collectors/rtdc_metric.h"
+#include "collectors/rtdc_net.h"
 #include "platform/clock.h"
 #include "support/captured_output.h"
 #include "support/fixture_roots.h"
@@ -37,6 +39,8 @@ class Announced : public RootsTest {
         rtdc_machine_reset_for_tests();
         rtdc_metric_reset_for_tests();
         rtdc_fs_reset_for_tests();
+        rtdc_disk_reset_for_tests();
+        rtdc_net_reset_for_tests();
         now = 0;
     }
     static std::vector<std::string> first_rows(const CapturedOutput& out) {
@@ -86,6 +90,29 @@ TEST_F(Announced, ProcessorsAreAnnouncedByTheirCurrentNumber) {
     ASSERT_EQ(rtdc_collect_machine(data, 0), 1);
     EXPECT_EQ(data.reported.size(), 3u);
     EXPECT_EQ(data.reported[2].as<MachineRecord>().cpu_id, 3);
+}
+
+TEST_F(Announced, DisksAndTheNetworkAnnounceOnHeaderPassesOnly) {
+    use_fixture("captured-1");
+    CapturedOutput head, data;
+    ASSERT_EQ(rtdc_collect_disk(head, 1) + rtdc_collect_net(head, 1), 2);
+    ASSERT_GE(head.announced.size(), 2u);
+    EXPECT_EQ(head.announced.back().class_name, "Network");
+    EXPECT_EQ(head.announced.back().table, NetCounters);
+    for (size_t i = 0; i + 1 < head.announced.size(); ++i) {
+        EXPECT_EQ(head.announced[i].class_name, "Disk");
+        EXPECT_NE(head.announced[i].table, DiskCounters);  // each disk has its own copy
+    }
+    now = 1;
+    use_fixture("captured-2");
+    ASSERT_EQ(rtdc_collect_disk(data, 0) + rtdc_collect_net(data, 0), 2);
+    EXPECT_TRUE(data.announced.empty());
+    EXPECT_EQ(data.reported.size(), head.announced.size());
+    TempTree empty;  // no counters at all: both fail and say nothing
+    platform::set_roots(empty.roots());
+    CapturedOutput none;
+    EXPECT_EQ(rtdc_collect_disk(none, 0) + rtdc_collect_net(none, 0), 0);
+    EXPECT_TRUE(none.reported.empty());
 }
 
 int answer_all(const char*, platform::FsUsage* out) {
