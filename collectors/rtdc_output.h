@@ -36,6 +36,24 @@ class ClassOutput {
     /// when a console wants them, otherwise its counters are registered if still due.
     virtual void report_or_register(const char* class_name, CounterDef* table, void* record) = 0;
 
+    /// Process class, header pass: one process's header lines, ids derived from its pid,
+    /// when a console is served. False when the header lines have no room left for all of
+    /// them: a console never sees half a process.
+    virtual bool announce_process(const char* name, long pid, CounterDef* table,
+                                  const void* record) = 0;
+
+    /// One process's counters for alert checks, whenever it has none registered; false
+    /// when they could not be (no tree yet, or no memory).
+    virtual bool register_process(const char* name, long pid, const CounterDef* table,
+                                  void* record) = 0;
+
+    /// One process's values, ids derived from its pid; written on every data pass, as
+    /// consoles count on a process's lines even while they do not listen.
+    virtual void report_process(long pid, CounterDef* table, const void* record) = 0;
+
+    /// A process that ended, or changed its name, leaves the alert tree.
+    virtual void withdraw_process(const char* name, long pid) = 0;
+
     /// An instance that is gone: its counters ("<class>-><instance>") leave the alert tree.
     /// True when there were some.
     virtual bool withdraw(const char* class_name, const char* instance) = 0;

@@ -10,14 +10,12 @@
 #include <unordered_set>
 #include <vector>
 
-#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
-#include "alerts/rtal_tree.h"
 #include "collectors/rtdc_complain.h"
 #include "collectors/rtdc_rate.h"
 #include "control/rta_cmdline.h"
-#include "packet/rtdc_buffer.h"
-#include "packet/rtdc_snapshot.h"
+#include "packet/rtdc_output.h"
+#include "packet/rtdc_state.h"
 
 namespace {
 
@@ -33,8 +31,8 @@ double percent(uint64_t ticks, double capacity_ticks) {
 }
 
 struct ScanState {
-    char** buffers = nullptr;  // null on a header pass: records are refreshed, no data lines
-    int* nbuffers = nullptr;
+    ClassOutput* out = nullptr;
+    bool report = false;  // false on a header pass: records are refreshed, nothing reported
     uint64_t hz = 100;
     int processors = 1;
     uint64_t cpu_ticks = 0;
@@ -53,7 +51,7 @@ Complaint read_failures;
 
 void take_out_of_tree(ProcessInfo& info, ScanState& s) {
     if (!info.in_tree) return;
-    RemoveProcessFromTree(info.name, info.record.pid, 0);
+    s.out->withdraw_process(info.name, info.record.pid);
     info.in_tree = 0;
     s.dropped_names.emplace(info.name);
 }
@@ -123,11 +121,7 @@ void visit(const platform::ProcessSample& sample, void* arg) {
     refresh_names(info, sample, is_new);
     s.cpu_ticks += PerfProcess(info, sample, is_new, s.hz, s.processors);
 
-    if (s.buffers) {
-        // Process ids derive from the pid, so one shared table serves every process.
-        rtdc_ProcessFillIds(ProcessCounters, sample.pid);
-        rtdc_buffer_data(s.buffers, s.nbuffers, &info.record, ProcessCounters);
-    }
+    if (s.report) s.out->report_process(sample.pid, ProcessCounters, &info.record);
 }
 
 void on_gone(ProcessInfo* info, void* arg) {
@@ -148,20 +142,20 @@ void register_pending(ScanState& s) {
             }
         }
     }
-    if (!Metric_Tree) return;  // no console has connected yet; retried next scan
+    // Until a console has connected there is nowhere to register; retried next scan.
     for (ProcessInfo* info : s.unregistered) {
         if (info->in_tree) continue;
-        if (AddProcessCounter(info->name, ProcessCounters, &info->record, Metric_Tree,
-                              info->record.pid) == 1)
+        if (s.out->register_process(info->name, info->record.pid, ProcessCounters,
+                                    &info->record))
             info->in_tree = 1;
     }
 }
 
-// One pass over /proc. With `buffers` null only the records are refreshed.
-int scan(char** buffers, int* nbuffers) {
+// One pass over the processes; with `report` false only the records are refreshed.
+int scan(ClassOutput& out, bool report) {
     ScanState& s = state;
-    s.buffers = buffers;
-    s.nbuffers = nbuffers;
+    s.out = &out;
+    s.report = report;
     s.hz = platform::clock_ticks_per_second();
     s.processors = platform::online_processors();
     s.cpu_ticks = 0;
@@ -249,13 +243,18 @@ void rtdc_process_reset() {
 
 int GetProcessClassInfo(char** headers, int* nheaders, char** buffers, int* nbuffers,
                         int header_flag, int) {
+    PacketOutput out(headers, nheaders, buffers, nbuffers);
+    return rtdc_collect_process(out, header_flag);
+}
+
+int rtdc_collect_process(ClassOutput& out, int header_flag) {
     if (!rta_cmdline.class_process) return 1;
     if (header_flag) {
         // The console learns a process from its header lines, so the list must hold the
         // processes of now before the first header pass.
-        if (!scanned_once) scan(nullptr, nullptr);
-        if (start_rtdc.load(std::memory_order_relaxed)) GenProcessHeader(headers, nheaders);
+        if (!scanned_once) scan(out, false);
+        GenProcessHeader(out);
         return 1;
     }
-    return scan(buffers, nbuffers);
+    return scan(out, true);
 }

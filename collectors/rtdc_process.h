@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "collectors/rtdc_output.h"
 #include "collectors/rtdc_proclist.h"
 #include "platform/process.h"
 
@@ -22,3 +23,8 @@ uint64_t PerfProcess(ProcessInfo& info, const platform::ProcessSample& sample, b
 /// Forgets every known process (taking them out of the metric tree) so that the next pass
 /// starts afresh.
 void rtdc_process_reset();
+
+/// The class's pass through `out`: a header pass announces every known process (scanning
+/// first if no scan ran yet), a data pass scans and reports. 1, or 0 when the processes
+/// cannot be listed; 1 without doing anything while process collection is off.
+int rtdc_collect_process(ClassOutput& out, int header_flag);

@@ -1,4 +1,4 @@
-// The table of known processes and the removal of a dead process from the metric tree.
+// The table of known processes, kept between scans.
 #include "collectors/rtdc_proclist.h"
 
 #include <cstdio>
@@ -6,11 +6,8 @@
 #include <cstring>
 #include <mutex>
 
-#include "alerts/rtal_state.h"
 #include "agent/rtdc_log.h"
-#include "alerts/rtal_expdef.h"
-#include "alerts/rtal_tree.h"
-#include "packet/rtdc_buffer.h"
+#include "alerts/rtal_process.h"
 
 List* proc_list[kProcBuckets];
 int ResetForMaxProcesses = 0;
@@ -23,50 +20,6 @@ struct ProcSlot {
     ProcessInfo info;
 };
 static_assert(offsetof(ProcSlot, item) == 0, "list data must be the start of the block");
-
-// Removes the instance of `pid` from a counter leaf. The process node owns the instance
-// (its leaves share it) and frees it when the node goes.
-void remove_pid_instance(MetricDescription* md, int pid) {
-    std::lock_guard<std::mutex> lock(tree_mutex);
-    if (!md->instances) return;
-    for (ListItem* it = md->instances->first; it; it = it->next) {
-        auto* inst = static_cast<MetricInstance*>(it->data);
-        if (inst && atoi(inst->name) == pid) {
-            RemoveItem(md->instances, it);
-            return;
-        }
-    }
-}
-
-// Closes every rule on a counter that has lost its last instance: the statistics gathered
-// so far go out as an alert at once, and the rule goes, since its counter is about to.
-void close_rules_on(MetricDescription* md) {
-    std::lock_guard<std::mutex> lock(expdef_mutex);
-    if (!Expdef_list) return;
-    ListItem* it = Expdef_list->first;
-    while (it) {
-        ListItem* next = it->next;
-        auto* rule = static_cast<ExceptionObject*>(it->data);
-        if (rule && strcmp(rule->name, md->description) == 0) {
-            rule->raised = rtal_now();
-            if (rule->intervals == 0) rule->intervals = 1;
-            rule->ave = rule->sum / static_cast<double>(rule->intervals);
-            // The rule may still point at an earlier node of this path (freed when another
-            // process of the name went); the alert copies its description from here.
-            rule->metric = md;
-            ExceptionObject* alert = nullptr;
-            if (AllocateExceptionObject(rule, &alert)) {
-                if (rtal_queue_alert(alert) < 0)
-                    RTDCAppendLog("VORNRTA-E-LIST: Failed to append to alert list\n");
-            } else {
-                rtal_free_alert(alert);
-            }
-            RemoveItem(Expdef_list, it);
-            free(rule);
-        }
-        it = next;
-    }
-}
 
 }  // namespace
 
@@ -105,22 +58,17 @@ void NullifyList() {
     ResetForMaxProcesses = 1;
 }
 
-int GenProcessHeader(char** headers, int* count) {
-    const int rows = PROC_FIELDS() - 1;
+int GenProcessHeader(ClassOutput& out) {
     int left_out = 0;
     for (List* list : proc_list) {
         if (!list) continue;
         for (ListItem* it = list->first; it; it = it->next) {
             auto* item = static_cast<ProcListItem*>(it->data);
             if (!item || !item->info) continue;
-            // A process whose lines would not all fit is left out whole, so the console
-            // never sees half a process.
-            if (*count + rows > kMaxLines) {
+            // A process whose lines would not all fit is left out whole.
+            if (!out.announce_process(item->info->name, item->info->record.pid, ProcessCounters,
+                                      &item->info->record))
                 ++left_out;
-                continue;
-            }
-            rtdc_buffer_process_headers(headers, count, ProcessCounters, &item->info->record,
-                                        item->info->record.pid, item->info->name);
         }
     }
     if (left_out)
@@ -152,30 +100,6 @@ void dumpprocesslist() {
                 printf("process = %d: %s \n", item->info->record.pid, item->info->name);
         }
     }
-}
-
-void RemoveProcessFromTree(const char* name, int pid, int) {
-    if (!name || !*name) {
-        rtdc_logf("NULL name passed to remove process node: pid = %d\n", pid);
-        return;
-    }
-    treeNode* node = FindProcessNode(name);
-    if (!node) return;
-    if (!node->child) {
-        RemoveNode(node);
-        return;
-    }
-    // Only this thread adds or removes process nodes, so the children stay put between
-    // the locked steps below.
-    for (treeNode* child = node->child; child; child = child->next) {
-        if (!child->data) {
-            RTDCAppendLog("Child description NULL in Remove process\n");
-            continue;
-        }
-        remove_pid_instance(child->data, pid);
-        if (GetListCount(child->data->instances) == 0) close_rules_on(child->data);
-    }
-    RemoveNode(node);
 }
 
 ProcListItem* AddToProcList(int pid) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "agent/rtdc_list.h"
+#include "collectors/rtdc_output.h"
 #include "collectors/rtdc_tables.h"
 #include "platform/process.h"
 
@@ -45,17 +46,13 @@ int GetIndex(int pid);
 void GetFromProcList(List* list, int pid, ProcListItem** item_out);
 /// Clears every seen flag before a scan; sets ResetForMaxProcesses.
 void NullifyList();
-/// Process header lines for every known process, bucket by bucket. Returns 1.
-int GenProcessHeader(char** headers, int* count);
+/// Announces every known process, bucket by bucket. Returns 1.
+int GenProcessHeader(ClassOutput& out);
 /// Destroys all 64 lists. Processes still registered in the metric tree are taken out of it
 /// first, so no tree instance is left pointing at a freed record.
 void deleteProcessList();
 /// "process = %d: %s \n" for every known process on standard output.
 void dumpprocesslist();
-/// Takes a vanished process out of the metric tree, closing as alerts the rules on counters
-/// that no other process of the same name still feeds. The whole "Process-><name>" node goes,
-/// with the instances of other processes of that name: they must be registered again.
-void RemoveProcessFromTree(const char* name, int pid, int unused);
 
 /// A new zeroed item with its record for `pid`, appended to the pid's bucket; null when
 /// memory ran out.

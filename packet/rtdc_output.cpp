@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "alerts/rtal_process.h"
 #include "alerts/rtal_tree.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_state.h"
@@ -23,6 +24,32 @@ void PacketOutput::report_or_register(const char* class_name, CounterDef* table,
         rtdc_buffer_data(buffers_, nbuffers_, record, table);
     else if (counter_added == 0)
         AddCounter(class_name, table, record, Metric_Tree);
+}
+
+bool PacketOutput::announce_process(const char* name, long pid, CounterDef* table,
+                                    const void* record) {
+    if (!start_rtdc.load(std::memory_order_relaxed)) return true;
+    int rows = 0;
+    while (table[rows].id != 0) ++rows;
+    if (*nheaders_ + rows > kMaxLines) return false;
+    rtdc_buffer_process_headers(headers_, nheaders_, table, record, pid, name);
+    return true;
+}
+
+bool PacketOutput::register_process(const char* name, long pid, const CounterDef* table,
+                                    void* record) {
+    if (!Metric_Tree) return false;  // no console has connected yet
+    return AddProcessCounter(name, table, record, Metric_Tree, static_cast<int>(pid)) == 1;
+}
+
+void PacketOutput::report_process(long pid, CounterDef* table, const void* record) {
+    // Process ids derive from the pid, so one shared table serves every process.
+    rtdc_ProcessFillIds(table, pid);
+    rtdc_buffer_data(buffers_, nbuffers_, record, table);
+}
+
+void PacketOutput::withdraw_process(const char* name, long pid) {
+    RemoveProcessFromTree(name, static_cast<int>(pid), 0);
 }
 
 bool PacketOutput::withdraw(const char* class_name, const char* instance) {

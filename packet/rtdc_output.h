@@ -15,6 +15,12 @@ class PacketOutput final : public ClassOutput {
     void report(const void* record, const CounterDef* table) override;
     void report_or_register(const char* class_name, CounterDef* table, void* record) override;
     bool withdraw(const char* class_name, const char* instance) override;
+    bool announce_process(const char* name, long pid, CounterDef* table,
+                          const void* record) override;
+    bool register_process(const char* name, long pid, const CounterDef* table,
+                          void* record) override;
+    void report_process(long pid, CounterDef* table, const void* record) override;
+    void withdraw_process(const char* name, long pid) override;
 
   private:
     char** headers_;

@@ -3,7 +3,10 @@
 // pass. No console, line array or metric tree is involved.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -12,6 +15,8 @@
 #include "collectors/rtdc_fsstat.h"
 #include "collectors/rtdc_metric.h"
 #include "collectors/rtdc_net.h"
+#include "collectors/rtdc_process.h"
+#include "control/rta_cmdline.h"
 #include "platform/clock.h"
 #include "support/captured_output.h"
 #include "support/fixture_roots.h"
@@ -41,7 +46,12 @@ class Announced : public RootsTest {
         rtdc_fs_reset_for_tests();
         rtdc_disk_reset_for_tests();
         rtdc_net_reset_for_tests();
+        rtdc_process_reset();
         now = 0;
+    }
+    static std::vector<std::string> sorted(std::vector<std::string> v) {
+        std::sort(v.begin(), v.end());
+        return v;
     }
     static std::vector<std::string> first_rows(const CapturedOutput& out) {
         std::vector<std::string> rows;
@@ -159,6 +169,36 @@ TEST_F(Announced, FileSystemsVaryWhenTheyWriteHeadersAndRegister) {
     EXPECT_TRUE(gone.withdrawn.empty());
     rtdc_collect_fs(after, 0, 0);  // ...and is withdrawn one data pass later
     EXPECT_EQ(after.withdrawn, std::vector<std::string>{"FileSystem->/mnt/backup"});
+}
+
+TEST_F(Announced, ProcessesAreAnnouncedRegisteredReportedAndWithdrawnByPid) {
+    TempTree tree;
+    std::filesystem::copy(std::string(VORN_SOURCE_DIR) + "/tests/fixtures/linux/process",
+                          tree.root(), std::filesystem::copy_options::recursive);
+    platform::set_roots(tree.roots());
+    const int saved = std::exchange(rta_cmdline.class_process, 1);
+    CapturedOutput head, data, later;
+    // A header pass before any scan scans first: the console learns the processes of now.
+    ASSERT_EQ(rtdc_collect_process(head, 1), 1);
+    const std::vector<std::string> known = {"kworker/0:1-events 777", "my prog) (x 42",
+                                            "systemd 1"};
+    EXPECT_EQ(sorted(head.processes_announced), known);
+    EXPECT_EQ(sorted(head.processes_registered), known);
+    EXPECT_TRUE(head.reported.empty());  // a header pass reports nothing
+
+    now = 5;
+    ASSERT_EQ(rtdc_collect_process(data, 0), 1);
+    ASSERT_EQ(data.reported.size(), 3u);
+    for (const auto& r : data.reported)  // by pid: the order is the directory's
+        EXPECT_EQ(r.as<ProcessRecord>().pid, atoi(r.registers_as.c_str()));
+    EXPECT_TRUE(data.processes_registered.empty());  // each is registered once
+
+    std::filesystem::remove_all(tree.root() + "/proc/42");  // it ended
+    now = 10;
+    ASSERT_EQ(rtdc_collect_process(later, 0), 1);
+    EXPECT_EQ(later.withdrawn, std::vector<std::string>{"my prog) (x 42"});
+    EXPECT_EQ(later.reported.size(), 2u);
+    rta_cmdline.class_process = saved;
 }
 
 }  // namespace

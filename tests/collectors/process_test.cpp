@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "alerts/rtal_state.h"
+#include "packet/rtdc_output.h"
 #include "packet/rtdc_state.h"
 #include "alerts/rtal_expdef.h"
 #include "alerts/rtal_tree.h"
@@ -269,7 +270,8 @@ TEST_F(ScriptedProc, ProcessesComingGoingAndChangingInTheTree) {
     // Room for less than one process: nothing is written rather than a part.
     std::vector<char*> lines(kMaxLines, nullptr);
     int count = kMaxLines - PROC_FIELDS() + 2;
-    EXPECT_EQ(GenProcessHeader(lines.data(), &count), 1);
+    PacketOutput nearly_full(lines.data(), &count, nullptr, nullptr);
+    EXPECT_EQ(GenProcessHeader(nearly_full), 1);
     EXPECT_EQ(count, kMaxLines - PROC_FIELDS() + 2);
     // A /proc that cannot be listed keeps what is known instead of sweeping it all.
     platform::set_roots(vorntest::roots_under(tree_.root() + "/missing"));
