@@ -128,9 +128,10 @@ bool parse_stat(std::string_view text, ProcessSample& out, int64_t page_kb) {
             case 22:
                 out.start_time = static_cast<uint64_t>(v);
                 break;
-            // rss is signed in the kernel's print and can read -1 transiently.
+            // rss is signed in the kernel's print and can read -1 transiently; a
+            // nonsense page count saturates instead of overflowing the product.
             default:
-                out.rss_kb = v > 0 ? v * page_kb : 0;
+                out.rss_kb = v <= 0 ? 0 : v > INT64_MAX / page_kb ? INT64_MAX : v * page_kb;
                 break;
         }
     }

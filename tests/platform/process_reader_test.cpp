@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <tuple>
@@ -114,6 +115,23 @@ TEST_F(FixtureProcesses, StatusOnlyForUidsTheCallerDoesNotKnow) {
     ASSERT_EQ(stat((platform::roots().proc + "/42").c_str(), &dir), 0);
     EXPECT_EQ(known.asked.at(42), dir.st_uid);
     EXPECT_EQ(known.seen.at(42).owner, dir.st_uid);
+}
+
+// A resident size no machine has (a corrupt or hostile stat) saturates rather than wrapping
+// the page-count product into a small or negative figure.
+TEST_F(FixtureProcesses, HugeResidentSizeSaturates) {
+    vorntest::TempTree tree;
+    const char* huge[] = {"4611686018427387904", "9223372036854775000"};
+    for (const char* rss : huge) {
+        tree.write("proc/7/stat", std::string("7 (big) S 1 7 7 0 -1 0 1 0 2 0 3 4 0 0 20 0 1 0 "
+                                              "50 1000 ") +
+                                      rss + " 18446744073709551615\n");
+        tree.write("proc/7/status", "Name:\tbig\nUid:\t0\t0\t0\t0\n");
+        platform::set_roots(tree.roots());
+        ProcessSample s{};
+        ASSERT_TRUE(platform::read_process(7, s)) << rss;
+        EXPECT_EQ(s.rss_kb, INT64_MAX) << rss;
+    }
 }
 
 TEST(ProcessNames, TerminalsAndUsers) {
