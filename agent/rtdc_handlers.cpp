@@ -2,8 +2,10 @@
 // stream, acts, and answers only through the alerting side's replies: failures are logged,
 // never sent to the console.
 #include <pthread.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -30,6 +32,9 @@ int read_int_line(FILE* stream) {
     if (!rtdc_read_text_line(stream, line)) return 0;
     return atoi(line);
 }
+
+// <DATA> requests received so far; see handle_data_request.
+std::atomic<unsigned long> data_requests{0};
 
 void set_scan_interval(int seconds) {
     dump_intvl = seconds;
@@ -65,7 +70,17 @@ int handle_data_request(FILE* stream, int fd, const char* client) {
         rtdc_close_request(stream, fd);
         return 0;
     }
+    // A takeover storm queues its requests on the tick lock. Each would run a whole header
+    // pass only to be taken over by the next, and a stale one could take the stream from the
+    // newest console: only the latest request waiting is served, the others end as a console
+    // that is taken over does.
+    const unsigned long arrival = ++data_requests;
     std::lock_guard<std::recursive_mutex> tick(snapshot_mutex);
+    if (arrival != data_requests) {
+        shutdown(fd, SHUT_RDWR);
+        close(fd);
+        return 0;
+    }
     set_data_startup_flags(fd);
     start_rtdc = 1;
     if (collect_started == 1) {

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <map>
 #include <regex>
+#include <memory>
 #include <set>
 #include <thread>
 
@@ -202,6 +203,30 @@ TEST_F(DataPath, SecondConsoleTakesOverAndTheFirstSeesEndOfStream) {
     EXPECT_TRUE(eof);
     EXPECT_TRUE(parse(second.read_packet(5000)).valid);
     EXPECT_TRUE(parse(second.read_packet(5000)).valid);
+}
+
+// Forty consoles ask for data at once, then one more: the newest is served, and the others
+// end without a header pass of their own (each would cost a whole pass under the tick lock).
+TEST_F(DataPath, TakeoverStormServesTheNewestConsoleOnly) {
+    warm_up();
+    std::vector<std::unique_ptr<Client>> storm;
+    for (int i = 0; i < 40; ++i) storm.push_back(std::make_unique<Client>(port));
+    // Every request thread is waiting for its first line before the lines go out together.
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    for (auto& c : storm) ASSERT_TRUE(c->send("<DATA>\n1\n"));
+    // The storm's requests have all been read (and queued) before the newest one arrives.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    Client newest(port);
+    ASSERT_TRUE(newest.send("<DATA>\n1\n"));
+    EXPECT_TRUE(parse(newest.read_packet(5000)).valid);
+    EXPECT_TRUE(parse(newest.read_packet(5000)).valid);
+    int served = 0;
+    for (auto& c : storm) {
+        bool eof = false;
+        if (!c->read_to_end(3000, &eof).empty()) ++served;
+        EXPECT_TRUE(eof);
+    }
+    EXPECT_LE(served, 5) << "consoles taken over while waiting still got a header pass";
 }
 
 TEST_F(DataPath, ConsolesThatVanishDoNotStopTheAgent) {
