@@ -358,9 +358,9 @@ void play(Part part, unsigned serial, int fd, std::mt19937& rng) {
     }
 }
 
-// `connections` connections, `concurrent` at a time. Worker w connects from 127.0.h.l with
-// h.l = 1 + (w + 256 * round) so that no source address holds more than one connection at a
-// time and every address in use differs from the data console's.
+// `connections` connections, `concurrent` at a time. Worker w connects from the address
+// 127.0.0.2 + w + concurrent * k (k = 0..63 changes with each batch), so no source address
+// holds more than one connection at a time and none is the data console's 127.0.0.1.
 void flood(int port, unsigned connections, unsigned concurrent, unsigned seed, FloodCounts& counts) {
     std::atomic<unsigned> next{0};
     std::vector<std::thread> workers;
