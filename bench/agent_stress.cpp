@@ -153,6 +153,10 @@ struct AgentProcess {
 int connect_from(uint32_t source, int port, int timeout_ms) {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) return -1;
+    // What a closed connection leaves in TIME_WAIT must not keep a later server (which sets
+    // SO_REUSEADDR, as the agent does) from binding a port: that needs it here too.
+    int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in from{};
     from.sin_family = AF_INET;
     from.sin_addr.s_addr = htonl(source);
@@ -608,9 +612,12 @@ int main(int argc, char** argv) {
         FloodCounts warm;
         flood(agent.port, std::min(o.connections, 400u), o.concurrent, 1, warm);
     }
-    DataConsole before_console;
-    if (!before_console.start(agent.port) || !before_console.wait_packets(2, 10000))
-        fail("no packets after the warm-up flood");
+    {
+        DataConsole console;
+        if (!console.start(agent.port) || !console.wait_packets(2, 10000))
+            fail("no packets after the warm-up flood");
+    }
+    // Both readings are taken with no console connected.
     const Usage before = steady(agent.pid, 30);
     print_usage("before", before);
 
@@ -628,12 +635,12 @@ int main(int argc, char** argv) {
         fail("the agent died during the flood");
         return 1;
     }
-    before_console.stop();
-
+    // Only once every request thread is gone is no request of the flood left to take the
+    // data connection from the console that asks next.
+    const Usage after = settle(agent.pid, before, 60);
+    print_usage("after", after);
     DataConsole after_console;
     if (!after_console.start(agent.port)) fail("the data console could not connect after the flood");
-    const Usage after = settle(agent.pid, before, 30);
-    print_usage("after", after);
     if (after.fds > before.fds) fail("descriptors not given back");
     if (after.threads > before.threads) fail("threads not given back");
     // Freed memory stays partly resident in the allocator's arenas; growth beyond that slack
