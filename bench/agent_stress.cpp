@@ -305,8 +305,8 @@ const char* const kRequests[] = {
     "<EVENT_GET_ALERTS>\n",
     "<ALERT_INTERVAL>\n30\n</ALERT_INTERVAL>\n",
     "<INTERVAL>\n1\n",
-    "<EXPDEF>\nbusy:Cpu->% Busy:>:1:0:0:stress rule\n"
-    "any:Process->*->% CPU Utilization:>=:0:0:0:every process\n</EXPDEF>\n",
+    ("<EXPDEF>\nbusy:Cpu->% Busy:>:1:0:0:stress rule\n"
+     "any:Process->*->% CPU Utilization:>=:0:0:0:every process\n</EXPDEF>\n"),
     "<EVENT>\nstress event one\nstress event two\n",
     "<EVENT_DEF>\nstress:Cpu->% Busy:>:99:0:1:event rule\n</EVENT>\n",
     "hello\nEXIT\n",
