@@ -48,17 +48,17 @@ std::vector<OptionSpec> with(std::vector<OptionSpec> base, std::vector<OptionSpe
 
 const std::vector<Command> kCommands = {
     {"top",
-     "top [--once | --count N] [--sort KEY] [--interval N] [--procs N] [--width N]\n"
+     "top [--once | --count N] [--sort KEY] [--procs N] [--width N]\n"
      "           [--hub URL [--agent NAME]]",
      "A live view of the host: processor split and per-processor bars, memory and paging,\n"
      "the busiest disks, file systems by use, network rates and, when the agent collects\n"
-     "them, the processes. Keys: c cpu, m memory, p pid, n name, i io (sort the\n"
-     "processes), up/down scroll, r renews the data connection (processes started since\n"
-     "it opened show as ? until then), q quits.\n"
+     "them, the processes. Figures come at the agent's own scan rate, every rate per\n"
+     "second. Keys: h help, c cpu, m memory, p pid, n name, i io (sort the processes),\n"
+     "I reverse, / filter, f pseudo file systems too, up/down scroll, r renews the data\n"
+     "connection (processes started since it opened show as ? until then), q quits.\n"
      "  --once          print one frame as plain text and exit\n"
      "  --count N       print N frames as plain text (frames cover one interval each)\n"
      "  --sort KEY      cpu, memory, pid, name or io (default cpu)\n"
-     "  --interval N    scan interval asked of the agent (default 2)\n"
      "  --procs N       process rows in plain text (default 20, -1 for all)\n"
      "  --width N       columns of plain text (default $COLUMNS or 100)\n"
      "  --reconnect S   give up after S seconds without the agent (default: never live,\n"
@@ -66,8 +66,14 @@ const std::vector<Command> kCommands = {
      "  --hub URL       read through a hub (vornmon hub) instead of taking the agent's\n"
      "                  data connection: any number of readers at once\n"
      "  --agent NAME    the hub's agent to read (needed when it watches several)\n",
-     with(kStreamOptions,
-          {{"--once", false}, {"--sort", true}, {"--procs", true}, {"--width", true}}),
+     {{"--count", true},
+      {"--reconnect", true},
+      {"--hub", true},
+      {"--agent", true},
+      {"--once", false},
+      {"--sort", true},
+      {"--procs", true},
+      {"--width", true}},
      0, 0, cmd_top},
     {"raw", "raw [--count N] [--interval N] [--reconnect S] [--hub URL [--agent NAME]]",
      "Prints the data packets exactly as received, length prefix included.\n"

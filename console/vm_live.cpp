@@ -45,7 +45,7 @@ void write_raw(const Context& ctx, const Packet& packet) {
 // Writes what one packet shows; false when it shows nothing (the text view draws
 // measurements only).
 bool emit(const Context& ctx, StreamKind kind, const FeedEvent& e, const Feed& feed,
-          const StreamOptions& o, long emitted) {
+          const StreamOptions& o, long emitted, IntervalClock& clock) {
     switch (kind) {
         case StreamKind::kRaw:
             write_raw(ctx, e.packet);
@@ -57,11 +57,13 @@ bool emit(const Context& ctx, StreamKind kind, const FeedEvent& e, const Feed& f
         case StreamKind::kTopText:
             break;
     }
+    if (!e.measurement) clock.connection_started();
     if (!e.measurement || e.packet.data.empty()) return false;
     int width = static_cast<int>(o.width);
+    HostView view =
+        build_view(e.sample, clock.measured(e.packet.interval, std::chrono::steady_clock::now()));
     std::string text = render_text(
-        layout_view(build_view(e.sample), feed.source(), o.sort, width, static_cast<int>(o.procs)),
-        width);
+        layout_view(view, feed.source(), o.sort, width, static_cast<int>(o.procs)), width);
     std::fprintf(ctx.out, "%s%s", emitted > 0 ? "\n" : "", text.c_str());
     std::fflush(ctx.out);
     return true;
@@ -71,12 +73,14 @@ int run_stream(const Context& ctx, const Parsed& p, StreamKind kind, const Strea
     std::string err;
     std::unique_ptr<Feed> feed = make_feed(ctx, p, o.interval, o.reconnect_s, err);
     if (!feed) return ctx.fail(err);
+    IntervalClock clock;
     for (long emitted = 0;;) {
         FeedEvent e = wait_event(*feed, 1000);
         switch (e.kind) {
             case FeedEvent::Kind::kIdle:
                 continue;
             case FeedEvent::Kind::kNotice:
+                clock.connection_started();
                 std::fprintf(ctx.err, "vornmon %s: %s\n", ctx.command.c_str(), e.message.c_str());
                 std::fflush(ctx.err);
                 continue;
@@ -89,7 +93,7 @@ int run_stream(const Context& ctx, const Parsed& p, StreamKind kind, const Strea
             case FeedEvent::Kind::kPacket:
                 break;
         }
-        if (emit(ctx, kind, e, *feed, o, emitted) && o.count > 0 && ++emitted >= o.count)
+        if (emit(ctx, kind, e, *feed, o, emitted, clock) && o.count > 0 && ++emitted >= o.count)
             return kExitOk;
     }
 }

@@ -14,7 +14,7 @@
 namespace vornmon {
 namespace {
 
-// The keys that change the process order (either case).
+// The keys that change the process order. 'I' inverts the order instead of sorting by io.
 bool sort_key_for(int ch, SortKey* key) {
     static constexpr struct {
         char letter;
@@ -25,12 +25,27 @@ bool sort_key_for(int ch, SortKey* key) {
                  {'n', SortKey::kName},
                  {'i', SortKey::kIo}};
     for (const auto& k : kKeys)
-        if (ch == k.letter || ch == k.letter - 'a' + 'A') {
+        if (ch == k.letter || (ch == k.letter - 'a' + 'A' && ch != 'I')) {
             *key = k.key;
             return true;
         }
     return false;
 }
+
+constexpr const char* kHelp[] = {
+    "vornmon top: keys",
+    "",
+    "  c  m  p  n  i   sort processes by cpu, memory, pid, name, io",
+    "  I               reverse the order",
+    "  /               filter processes by pid, name or user (Enter keeps, Esc clears)",
+    "  f               show pseudo file systems (/proc, /sys, /dev, /run) too",
+    "  r               renew the data connection (names processes shown as ?)",
+    "  up/down PgUp/PgDn j/k   scroll the processes",
+    "  h  ?            this help; any key returns",
+    "  q               quit",
+    "",
+    "Bars: user green, system red, wait blue; memory and file systems by fill.",
+};
 
 std::atomic<int> g_stop{0};
 
@@ -54,6 +69,7 @@ struct Screen {
             init_pair(2, COLOR_YELLOW, -1);
             init_pair(3, COLOR_RED, -1);
             init_pair(4, COLOR_CYAN, -1);
+            init_pair(5, COLOR_BLUE, -1);
         }
     }
     ~Screen() { endwin(); }
@@ -61,115 +77,169 @@ struct Screen {
     Screen& operator=(const Screen&) = delete;
 };
 
-void draw_bar(int y, int x, int width, double pct) {
+// A bar of one level, coloured by how high it is, or of a processor's time split by mode.
+void draw_bar(int y, int x, int width, double pct, const CpuSplit& modes) {
     if (width < 4) return;
     int inner = width - 2;
-    int fill = static_cast<int>(std::clamp(pct, 0.0, 100.0) / 100.0 * inner + 0.5);
-    int color = pct >= 90 ? 3 : pct >= 60 ? 2 : 1;
+    auto cells = [inner](double v) {
+        return static_cast<int>(std::clamp(v, 0.0, 100.0) / 100.0 * inner + 0.5);
+    };
+    struct Segment {
+        int end, color;
+    };
+    std::vector<Segment> segments;
+    if (modes.present) {
+        int user = cells(modes.user), system = cells(modes.user + modes.system);
+        segments = {{user, 1}, {system, 3}, {cells(modes.user + modes.system + modes.wait), 5}};
+    } else {
+        segments = {{cells(pct), pct >= 90 ? 3 : pct >= 60 ? 2 : 1}};
+    }
     mvaddch(y, x, '[');
-    if (has_colors()) attron(COLOR_PAIR(color));
-    for (int i = 0; i < inner; ++i) mvaddch(y, x + 1 + i, i < fill ? '|' : ' ');
-    if (has_colors()) attroff(COLOR_PAIR(color));
+    for (int i = 0, s = 0; i < inner; ++i) {
+        while (s < static_cast<int>(segments.size()) && i >= segments[s].end) ++s;
+        bool filled = s < static_cast<int>(segments.size());
+        int color = filled ? segments[s].color : 0;
+        if (filled && has_colors()) attron(COLOR_PAIR(color));
+        mvaddch(y, x + 1 + i, filled ? '|' : ' ');
+        if (filled && has_colors()) attroff(COLOR_PAIR(color));
+    }
     mvaddch(y, x + inner + 1, ']');
 }
 
-void draw(const HostView* view, const std::string& source, SortKey sort, int scroll,
-          const std::string& status) {
-    erase();
-    int rows = LINES, cols = COLS;
-    if (!view) {
-        mvaddnstr(
-            0, 0,
-            ("vornmon " + source + "  waiting for data (first figures after one scan)...").c_str(),
-            cols);
-    } else {
-        std::vector<ViewLine> lines = layout_view(*view, source, sort, cols, -1);
-        // Everything above the process rows is always shown; the process rows scroll.
-        std::size_t first_process = lines.size();
-        for (std::size_t i = 0; i < lines.size(); ++i)
-            if (lines[i].kind == ViewLine::kColumns &&
-                lines[i].text.find("PID") != std::string::npos &&
-                lines[i].text.find("NAME") != std::string::npos)
-                first_process = i + 1;
-        int y = 0;
-        for (std::size_t i = 0; i < lines.size() && y < rows - 1; ++i) {
-            if (i >= first_process && static_cast<int>(i - first_process) < scroll) continue;
-            const ViewLine& l = lines[i];
-            int attr = l.kind == ViewLine::kTitle     ? A_REVERSE
-                       : l.kind == ViewLine::kSection ? A_BOLD
-                       : l.kind == ViewLine::kColumns ? A_UNDERLINE
-                                                      : A_NORMAL;
-            if (l.kind == ViewLine::kSection && has_colors()) attr |= COLOR_PAIR(4);
-            attron(attr);
-            mvaddnstr(y, 0, l.text.c_str(), cols);
-            if (l.kind == ViewLine::kTitle)
-                for (int x = static_cast<int>(l.text.size()); x < cols; ++x) mvaddch(y, x, ' ');
-            attroff(attr);
-            if (l.bar >= 0) {
-                int x = static_cast<int>(l.text.size()) + 2;
-                draw_bar(y, x, std::min(cols - x - 1, 50), l.bar);
-            }
-            ++y;
-        }
+void draw_line(int y, const ViewLine& l, int cols) {
+    int attr = l.kind == ViewLine::kTitle     ? A_REVERSE
+               : l.kind == ViewLine::kSection ? A_BOLD
+               : l.kind == ViewLine::kColumns ? A_UNDERLINE
+                                              : A_NORMAL;
+    if (l.kind == ViewLine::kSection && has_colors()) attr |= COLOR_PAIR(4);
+    attron(attr);
+    mvaddnstr(y, 0, l.text.c_str(), cols);
+    if (l.kind == ViewLine::kTitle)
+        for (int x = static_cast<int>(l.text.size()); x < cols; ++x) mvaddch(y, x, ' ');
+    attroff(attr);
+    if (l.bar >= 0) {
+        int x = static_cast<int>(l.text.size()) + 2;
+        draw_bar(y, x, std::min(cols - x - 1, 50), l.bar, l.modes);
     }
-    std::string keys =
-        "q quit  c cpu  m memory  p pid  n name  i io  r renew names  up/down scroll";
-    if (!status.empty()) keys = status + "   " + keys;
+}
+
+void draw_status(const std::string& text, int cols) {
     attron(A_REVERSE);
-    mvaddnstr(rows - 1, 0, keys.c_str(), cols);
-    for (int x = static_cast<int>(keys.size()); x < cols; ++x) mvaddch(rows - 1, x, ' ');
+    mvaddnstr(LINES - 1, 0, text.c_str(), cols);
+    for (int x = static_cast<int>(text.size()); x < cols; ++x) mvaddch(LINES - 1, x, ' ');
     attroff(A_REVERSE);
-    refresh();
 }
 
 // What the live view shows and how.
 struct TopState {
     std::unique_ptr<HostView> view;
-    SortKey sort = SortKey::kCpu;
+    ViewOptions options;
     int scroll = 0;
+    bool help = false;
+    bool editing_filter = false;
     std::string status;
     bool quit = false;
+    IntervalClock clock;
 };
+
+void draw(const TopState& t, const std::string& source) {
+    erase();
+    int cols = COLS;
+    if (t.help) {
+        for (int y = 0; y < static_cast<int>(std::size(kHelp)) && y < LINES - 1; ++y)
+            mvaddnstr(y, 0, kHelp[y], cols);
+    } else if (!t.view) {
+        mvaddnstr(
+            0, 0,
+            ("vornmon " + source + "  waiting for data (first figures after one scan)...").c_str(),
+            cols);
+    } else {
+        std::vector<ViewLine> lines =
+            layout_screen(*t.view, source, t.options, cols, LINES - 1, t.scroll);
+        for (int y = 0; y < static_cast<int>(lines.size()) && y < LINES - 1; ++y)
+            draw_line(y, lines[static_cast<std::size_t>(y)], cols);
+    }
+    std::string keys = "q quit  h help  / filter  I reverse  c m p n i sort  f all fs";
+    if (t.editing_filter) keys = "filter: " + t.options.filter + "_   Enter keep  Esc clear";
+    else if (!t.status.empty()) keys = t.status + "   " + keys;
+    draw_status(keys, cols);
+    refresh();
+}
+
+// A key typed while the filter is being edited.
+void edit_filter(TopState& t, int ch) {
+    if (ch == '\n' || ch == KEY_ENTER) {
+        t.editing_filter = false;
+    } else if (ch == 27) {
+        t.options.filter.clear();
+        t.editing_filter = false;
+    } else if (ch == KEY_BACKSPACE || ch == 127 || ch == 8) {
+        if (!t.options.filter.empty()) t.options.filter.pop_back();
+    } else if (ch >= 32 && ch < 127 && t.options.filter.size() < 64) {
+        t.options.filter += static_cast<char>(ch);
+    }
+    t.scroll = 0;
+}
+
+// A key that changes the view; false when it is not one.
+bool view_key(Feed& feed, TopState& t, int ch) {
+    if (SortKey key; sort_key_for(ch, &key)) {
+        t.options.sort = key;
+        t.scroll = 0;
+        return true;
+    }
+    switch (ch) {
+        case 'I':
+            t.options.reverse = !t.options.reverse;
+            return true;
+        case '/':
+            t.editing_filter = true;
+            return true;
+        case 'f':
+        case 'F':
+            t.options.all_filesystems = !t.options.all_filesystems;
+            return true;
+        case 'h':
+        case 'H':
+        case '?':
+            t.help = true;
+            return true;
+        case 'q':
+        case 'Q':
+            t.quit = true;
+            return true;
+        case 'r':
+        case 'R':
+            // Processes started after the header packet have no name on the wire; a fresh
+            // header pass names them.
+            feed.renew();
+            t.status = "renewed";
+            return true;
+        default:
+            return false;
+    }
+}
+
+void scroll_key(TopState& t, int ch) {
+    int page = std::max(1, LINES / 2);
+    if (ch == KEY_DOWN || ch == 'j') ++t.scroll;
+    if (ch == KEY_UP || ch == 'k') --t.scroll;
+    if (ch == KEY_NPAGE) t.scroll += page;
+    if (ch == KEY_PPAGE) t.scroll -= page;
+    t.scroll = std::max(0, t.scroll);
+}
 
 // Applies the keys typed since the last frame; true when one of them changes the frame.
 bool handle_keys(Feed& feed, TopState& t) {
     bool redraw = false;
     for (int ch; (ch = getch()) != ERR;) {
         redraw = true;
-        if (SortKey key; sort_key_for(ch, &key)) {
-            t.sort = key;
-            t.scroll = 0;
-            continue;
-        }
-        int page = std::max(1, LINES / 2);
-        switch (ch) {
-            case 'q':
-            case 'Q':
-                t.quit = true;
-                break;
-            case 'r':
-            case 'R':
-                // Processes started after the header packet have no name on the wire; a fresh
-                // header pass names them.
-                feed.renew();
-                t.status = "renewed";
-                break;
-            case KEY_DOWN:
-            case 'j':
-                ++t.scroll;
-                break;
-            case KEY_UP:
-            case 'k':
-                t.scroll = std::max(0, t.scroll - 1);
-                break;
-            case KEY_NPAGE:
-                t.scroll += page;
-                break;
-            case KEY_PPAGE:
-                t.scroll = std::max(0, t.scroll - page);
-                break;
-            default:
-                break;
+        if (t.help) {
+            t.help = false;  // any key leaves the help screen
+        } else if (t.editing_filter) {
+            edit_filter(t, ch);
+        } else if (!view_key(feed, t, ch)) {
+            scroll_key(t, ch);
         }
     }
     if (t.view)
@@ -188,10 +258,14 @@ bool take_events(Feed& feed, TopState& t, std::string& failure) {
         }
         if (e.kind != FeedEvent::Kind::kPacket) {
             t.status = e.message;
+            t.clock.connection_started();
             continue;
         }
-        if (e.measurement && !e.packet.data.empty()) {
-            t.view = std::make_unique<HostView>(build_view(e.sample));
+        if (!e.measurement) {
+            t.clock.connection_started();
+        } else if (!e.packet.data.empty()) {
+            double seconds = t.clock.measured(e.packet.interval, std::chrono::steady_clock::now());
+            t.view = std::make_unique<HostView>(build_view(e.sample, seconds));
             t.status.clear();
         }
     }
@@ -223,17 +297,18 @@ struct StopSignals {
 int run_top_screen(const Context& ctx, Feed& feed, SortKey sort) {
     StopSignals signals;
     TopState t;
-    t.sort = sort;
+    t.options.sort = sort;
     std::string failure;
     {
         Screen screen;
-        draw(nullptr, feed.source(), t.sort, t.scroll, t.status);
+        set_escdelay(25);
+        draw(t, feed.source());
         while (!g_stop.load(std::memory_order_relaxed) && !t.quit && failure.empty()) {
             pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {feed.fd(), POLLIN, 0}};
             if (poll(fds, feed.fd() >= 0 ? 2 : 1, feed.wait_ms()) < 0 && errno != EINTR) break;
             bool redraw = handle_keys(feed, t);
             redraw = take_events(feed, t, failure) || redraw;
-            if (redraw && !t.quit) draw(t.view.get(), feed.source(), t.sort, t.scroll, t.status);
+            if (redraw && !t.quit) draw(t, feed.source());
         }
     }
     if (!failure.empty()) return ctx.fail(failure);

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "console/vm_exposition.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -93,6 +95,8 @@ void add_fs_reading(FsRow& f, const std::string& key, double x) {
         f.pct_used = x;
     else if (key == "Available")
         f.available = x;
+    else if (key == "Used")
+        f.used = x, f.has_used = true;
     else if (key == "Total")
         f.total = x;
 }
@@ -158,11 +162,20 @@ void order_rows(HostView& v, std::map<int, CpuSplit>& processors,
 
 }  // namespace
 
-HostView build_view(const Sample& sample) {
+double IntervalClock::measured(int printed, TimePoint now) {
+    double label = std::max(1, printed);
+    double seconds = last_ ? std::chrono::duration<double>(now - *last_).count() : label;
+    last_ = now;
+    // A stalled or bursting delivery must not turn one interval's counts into absurd rates.
+    return std::clamp(seconds, 0.1, label * 10);
+}
+
+HostView build_view(const Sample& sample, double seconds) {
     HostView v;
     v.packet = sample.packet;
     v.time = sample.time;
     v.interval = sample.interval;
+    v.seconds = seconds > 0 ? seconds : std::max(1, sample.interval);
     std::map<int, CpuSplit> processors;
     std::map<std::string, DiskRow> disks;
     std::map<std::string, FsRow> filesystems;
@@ -187,8 +200,35 @@ HostView build_view(const Sample& sample) {
             add_host_reading(v, key, x);
         }
     }
+    // Blocks reserved for root count neither as used nor as available, as df counts them.
+    for (auto& [mount, f] : filesystems)
+        if (f.has_used && f.used + f.available > 0) f.pct_used = 100 * f.used / (f.used + f.available);
+    for (auto& [name, d] : disks) {
+        d.ops /= v.seconds;
+        d.bytes /= v.seconds;
+    }
     order_rows(v, processors, disks, filesystems, procs);
     return v;
+}
+
+std::vector<ProcRow> shown_processes(const HostView& view, const ViewOptions& options) {
+    std::vector<ProcRow> rows;
+    for (const ProcRow& p : view.processes)
+        if (options.filter.empty() || p.name.find(options.filter) != std::string::npos ||
+            p.user.find(options.filter) != std::string::npos ||
+            std::to_string(p.pid).find(options.filter) != std::string::npos)
+            rows.push_back(p);
+    sort_processes(rows, options.sort);
+    if (options.reverse) std::reverse(rows.begin(), rows.end());
+    return rows;
+}
+
+// Mounts with no blocks and those under /proc, /sys, /dev and /run hold no user data.
+std::vector<FsRow> shown_filesystems(const HostView& view, const ViewOptions& options) {
+    std::vector<FsRow> rows;
+    for (const FsRow& f : view.filesystems)
+        if (options.all_filesystems || !is_pseudo_filesystem(f.mount, f.total)) rows.push_back(f);
+    return rows;
 }
 
 const char* sort_key_name(SortKey key) {
@@ -234,6 +274,17 @@ void sort_processes(std::vector<ProcRow>& rows, SortKey key) {
     }
 }
 
+std::string process_columns() {
+    return fmt::format("{:>8} {:<10}{:>6}{:>6}{:>6}{:>9}{:>9}  NAME", "PID", "USER", "%CPU", "%USR",
+                       "%SYS", "RSS", "IO/S");
+}
+
+std::string process_line(const ProcRow& p) {
+    return fmt::format("{:>8} {:<10}{:>6.1f}{:>6.1f}{:>6.1f}{:>9}{:>9}  {}", p.pid, cut(p.user, 9),
+                       p.cpu, p.user_cpu, p.sys_cpu, human_bytes(p.rss_kb * 1024),
+                       human_bytes(p.io), p.name.empty() ? "?" : p.name);
+}
+
 std::string human_count(double value) {
     const char* suffix[] = {"", "k", "M", "G", "T"};
     int i = 0;
@@ -263,7 +314,7 @@ struct Layout {
     std::vector<ViewLine> lines;
     std::size_t width;
     void add(ViewLine::Kind kind, std::string text, double bar = -1) {
-        lines.push_back({kind, cut(std::move(text), width), bar});
+        lines.push_back({kind, cut(std::move(text), width), bar, {}});
     }
 };
 
@@ -342,17 +393,14 @@ void lay_processes(Layout& l, const HostView& v, SortKey key, int max_processes)
     if (!v.has_processes) return;
     l.add(ViewLine::kSection,
           fmt::format("Processes ({}, by {})", v.processes.size(), sort_key_name(key)));
-    l.add(ViewLine::kColumns, fmt::format("{:>8} {:<10}{:>6}{:>6}{:>6}{:>9}{:>9}  NAME", "PID",
-                                          "USER", "%CPU", "%USR", "%SYS", "RSS", "IO/S"));
-    std::vector<ProcRow> rows = v.processes;
-    sort_processes(rows, key);
+    l.add(ViewLine::kColumns, process_columns());
+    ViewOptions options;
+    options.sort = key;
+    std::vector<ProcRow> rows = shown_processes(v, options);
     for (std::size_t i = 0; i < rows.size(); ++i) {
         if (max_processes >= 0 && static_cast<int>(i) >= max_processes) break;
         const ProcRow& p = rows[i];
-        l.add(ViewLine::kText, fmt::format("{:>8} {:<10}{:>6.1f}{:>6.1f}{:>6.1f}{:>9}{:>9}  {}",
-                                           p.pid, cut(p.user, 9), p.cpu, p.user_cpu, p.sys_cpu,
-                                           human_bytes(p.rss_kb * 1024), human_bytes(p.io),
-                                           p.name.empty() ? "?" : p.name));
+        l.add(ViewLine::kText, process_line(p));
     }
 }
 
@@ -361,12 +409,12 @@ void lay_processes(Layout& l, const HostView& v, SortKey key, int max_processes)
 std::vector<ViewLine> layout_view(const HostView& v, const std::string& source, SortKey key,
                                   int width, int max_processes) {
     Layout l{{}, static_cast<std::size_t>(std::max(width, 20))};
-    l.add(ViewLine::kTitle, fmt::format("vornmon {}  {}  packet {}  every {} s", source, v.time,
-                                        v.packet, v.interval));
+    l.add(ViewLine::kTitle, fmt::format("vornmon {}  {}  packet {}  every {:.0f} s", source, v.time,
+                                        v.packet, v.seconds));
     lay_cpu(l, v);
     lay_memory(l, v.memory);
     lay_disks(l, v.disks);
-    lay_filesystems(l, v.filesystems);
+    lay_filesystems(l, shown_filesystems(v, ViewOptions{}));
     lay_network(l, v.net);
     lay_processes(l, v, key, max_processes);
     return l.lines;

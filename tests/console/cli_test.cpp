@@ -122,6 +122,7 @@ TEST(Cli, UsageErrorsExitTwoAndHelpCoversEveryCommand) {
         {"alert-interval 50000", "1 to 20000"},
         {"top --sort colour", "--sort"},
         {"top --once --count 2", "exclude"},
+        {"top --once --interval 5", "unknown option '--interval'"},
         {"json --count x", "--count"},
         {"raw --count 0", "--count"},
         {"openmetrics --listen nowhere", "host:port"},
