@@ -7,6 +7,7 @@
 
 #include "console/vm_model.h"
 #include "console/vm_net.h"
+#include "console/vm_requests.h"
 
 namespace vornmon {
 
@@ -17,6 +18,7 @@ struct FeedEvent {
         kNotice,     // the connection was lost or came back; `message` says which
         kMalformed,  // the source sent something that is not a packet; `packet.raw` holds it
         kFailed,     // the source is gone for good; `message` says why
+        kAlert,      // a rule's alert was raised or cleared (hubs only: they hold the rules)
     };
     Kind kind = Kind::kIdle;
     Packet packet;
@@ -24,6 +26,8 @@ struct FeedEvent {
     /// The packet covers one scan interval. See FirstPacketRule.
     bool measurement = false;
     std::string message;
+    Alert alert;
+    bool raised = false;
 };
 
 /// The agent answers `<DATA>` with two packets built back to back in the same request: the

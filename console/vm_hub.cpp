@@ -185,6 +185,7 @@ void AgentLink::run_data() {
         FeedEvent e = wait_event(feed, 250);
         switch (e.kind) {
             case FeedEvent::Kind::kIdle:
+            case FeedEvent::Kind::kAlert:  // the agent's own data connection carries none
                 break;
             case FeedEvent::Kind::kPacket:
                 // Before the sample is handed on: it says whether processes lack a name.
@@ -310,6 +311,13 @@ std::shared_ptr<Subscriber> AgentLink::subscribe(StreamKind kind) {
             s->push(std::make_shared<const std::string>(sse_event("header", d)));
         if (!latest_raw_.empty())
             s->push(std::make_shared<const std::string>(sse_event("sample", latest_raw_)));
+        // A reader that joins late still learns which rules are firing.
+        std::set<std::string> told;
+        for (auto r = alerts_.rbegin(); r != alerts_.rend(); ++r)
+            if (auto f = firing_.find(r->alert.name);
+                r->raised && f != firing_.end() && f->second && told.insert(f->first).second)
+                s->push(std::make_shared<const std::string>(
+                    sse_event("alert", alert_line(r->alert))));
     } else if (latest_) {
         s->push(std::make_shared<const std::string>(sse_event("sample", latest_json_locked())));
     }
@@ -444,6 +452,7 @@ void AgentLink::fetch_alerts() {
                            ",\"raised\":" + (raised ? "true" : "false") +
                            ",\"alert\":" + alert_json(a) + "}";
         publish(StreamKind::kSamples, "alert", json);
+        publish(StreamKind::kPackets, raised ? "alert" : "cleared", alert_line(a));
         alerts_.push_back({std::move(a), unix_ms_now(), raised});
     }
     if (alerts_.size() > kMaxAlertRecords)

@@ -183,6 +183,14 @@ FeedEvent HubFeed::next() {
         event.message = e.data;
         return event;
     }
+    if (e.name == "alert" || e.name == "cleared") {
+        std::string err;
+        if (parse_alert_line(e.data, event.alert, err)) {
+            event.kind = FeedEvent::Kind::kAlert;
+            event.raised = e.name == "alert";
+        }
+        return event;
+    }
     if (e.name != "header" && e.name != "first" && e.name != "sample") return event;
     Framer framer;
     framer.feed(e.data);

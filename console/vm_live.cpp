@@ -78,6 +78,7 @@ int run_stream(const Context& ctx, const Parsed& p, StreamKind kind, const Strea
         FeedEvent e = wait_event(*feed, 1000);
         switch (e.kind) {
             case FeedEvent::Kind::kIdle:
+            case FeedEvent::Kind::kAlert:
                 continue;
             case FeedEvent::Kind::kNotice:
                 clock.connection_started();

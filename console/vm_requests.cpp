@@ -1,7 +1,9 @@
 #include "console/vm_requests.h"
 
+#include <cmath>
 #include <cstdlib>
 
+#include "console/vm_json.h"
 #include "console/vm_wire.h"
 
 namespace vornmon {
@@ -101,6 +103,13 @@ bool parse_desc_reply(std::string_view reply, std::vector<Leaf>& out, std::strin
         out.push_back(std::move(leaf));
     }
     return true;
+}
+
+std::string alert_line(const Alert& a) {
+    auto number = [](double v) { return std::isfinite(v) ? shortest_number(v) : std::string("0"); };
+    return a.name + "::" + a.path + "::" + a.condition + "::" + number(a.limit) +
+           "::" + number(a.ave) + "::" + number(a.min) + "::" + number(a.max) +
+           "::" + a.raised + "::" + a.description;
 }
 
 bool parse_alert_line(std::string_view line, Alert& out, std::string& err) {

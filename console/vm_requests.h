@@ -34,6 +34,8 @@ struct Alert {
     std::string description;
 };
 bool parse_alert_line(std::string_view line, Alert& out, std::string& err);
+/// The line parse_alert_line reads back as `alert`.
+std::string alert_line(const Alert& alert);
 bool alerts_reply_complete(std::string_view reply);
 /// `no_rules` is set when the agent asked for rules (<GETEXP>) before the alerts.
 bool parse_alerts_reply(std::string_view reply, std::vector<Alert>& out, bool& no_rules,

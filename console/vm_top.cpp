@@ -45,6 +45,7 @@ constexpr const char* kHelp[] = {
     "  q               quit",
     "",
     "Bars: user green, system red, wait blue; memory and file systems by fill.",
+    "Alerts of the hub's rules show above the processes while they fire (--hub).",
 };
 
 std::atomic<int> g_stop{0};
@@ -112,6 +113,7 @@ void draw_line(int y, const ViewLine& l, int cols) {
                : l.kind == ViewLine::kColumns ? A_UNDERLINE
                                               : A_NORMAL;
     if (l.kind == ViewLine::kSection && has_colors()) attr |= COLOR_PAIR(4);
+    if (l.kind == ViewLine::kAlert) attr = A_BOLD | (has_colors() ? COLOR_PAIR(3) : A_REVERSE);
     attron(attr);
     mvaddnstr(y, 0, l.text.c_str(), cols);
     if (l.kind == ViewLine::kTitle)
@@ -140,7 +142,14 @@ struct TopState {
     std::string status;
     bool quit = false;
     IntervalClock clock;
+    std::vector<Alert> firing;  // oldest first
 };
+
+// A raised alert joins the panel (once per rule); a cleared one leaves it.
+void note_alert(TopState& t, const FeedEvent& e) {
+    std::erase_if(t.firing, [&](const Alert& a) { return a.name == e.alert.name; });
+    if (e.raised) t.firing.push_back(e.alert);
+}
 
 void draw(const TopState& t, const std::string& source) {
     erase();
@@ -155,7 +164,7 @@ void draw(const TopState& t, const std::string& source) {
             cols);
     } else {
         std::vector<ViewLine> lines =
-            layout_screen(*t.view, source, t.options, cols, LINES - 1, t.scroll);
+            layout_screen(*t.view, source, t.options, t.firing, cols, LINES - 1, t.scroll);
         for (int y = 0; y < static_cast<int>(lines.size()) && y < LINES - 1; ++y)
             draw_line(y, lines[static_cast<std::size_t>(y)], cols);
     }
@@ -255,6 +264,10 @@ bool take_events(Feed& feed, TopState& t, std::string& failure) {
         if (e.kind == FeedEvent::Kind::kFailed) {
             failure = e.message;
             return true;
+        }
+        if (e.kind == FeedEvent::Kind::kAlert) {
+            note_alert(t, e);
+            continue;
         }
         if (e.kind != FeedEvent::Kind::kPacket) {
             t.status = e.message;

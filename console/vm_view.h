@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "console/vm_model.h"
+#include "console/vm_requests.h"
 
 namespace vornmon {
 
@@ -118,9 +119,11 @@ struct ViewLine {
 std::vector<ViewLine> layout_view(const HostView& view, const std::string& source, SortKey key,
                                   int width, int max_processes);
 /// The live screen: `height` lines at most, the summary condensed so that at least ten
-/// process rows fit on a 24-line terminal; the process rows start `scroll` rows down.
+/// process rows fit on a 24-line terminal; the rules `firing` get a panel above the
+/// processes; the process rows start `scroll` rows down.
 std::vector<ViewLine> layout_screen(const HostView& view, const std::string& source,
-                                    const ViewOptions& options, int width, int height,
+                                    const ViewOptions& options,
+                                    const std::vector<Alert>& firing, int width, int height,
                                     int scroll);
 /// Plain text of a layout; processor bars drawn with '#'.
 std::string render_text(const std::vector<ViewLine>& lines, int width);

@@ -94,6 +94,21 @@ void screen_filesystems(Screen& s, const std::vector<FsRow>& filesystems, int ro
     }
 }
 
+// One line per firing rule while there is room; the last line counts those left out.
+void screen_alerts(Screen& s, const std::vector<Alert>& firing, int room) {
+    for (int i = 0; i < room && i < static_cast<int>(firing.size()); ++i) {
+        const Alert& a = firing[static_cast<std::size_t>(i)];
+        int left = static_cast<int>(firing.size()) - i - 1;
+        if (i == room - 1 && left > 0) {
+            s.add(ViewLine::kAlert, fmt::format("ALERT {} and {} more firing", a.name, left));
+            return;
+        }
+        s.add(ViewLine::kAlert,
+              fmt::format("ALERT {}  {} {} {:g}  avg {:g}  since {}", a.name, a.path, a.condition,
+                          a.limit, a.ave, a.raised));
+    }
+}
+
 void screen_processes(Screen& s, const HostView& v, const ViewOptions& o, int height,
                       int scroll) {
     if (!v.has_processes) return;
@@ -111,13 +126,16 @@ void screen_processes(Screen& s, const HostView& v, const ViewOptions& o, int he
 }  // namespace
 
 std::vector<ViewLine> layout_screen(const HostView& v, const std::string& source,
-                                    const ViewOptions& options, int width, int height,
-                                    int scroll) {
+                                    const ViewOptions& options, const std::vector<Alert>& firing,
+                                    int width, int height, int scroll) {
     Screen s{{}, static_cast<std::size_t>(std::max(width, 20))};
     s.add(ViewLine::kTitle, fmt::format("vornmon {}  {}  packet {}  {:.0f} s", source, v.time,
                                         v.packet, v.seconds));
     int table = v.has_processes ? kMinProcessRows + 2 : 0;
     int spare = std::max(0, height - table - kFixedSummaryLines);
+    // Firing alerts matter more than the figures of every processor.
+    int alert_room = std::min({static_cast<int>(firing.size()), 3, spare});
+    spare -= alert_room;
     std::vector<FsRow> filesystems = shown_filesystems(v, options);
     int fs_room = std::min<int>(static_cast<int>(filesystems.size()), std::max(1, spare / 3));
     int cpu_room = std::max(1, spare - fs_room);
@@ -125,8 +143,9 @@ std::vector<ViewLine> layout_screen(const HostView& v, const std::string& source
     screen_processors(s, v.processors, cpu_room);
     screen_io(s, v);
     // The processors may have left room for more file systems.
-    fs_room = std::max(fs_room, height - table - static_cast<int>(s.lines.size()));
+    fs_room = std::max(fs_room, height - table - alert_room - static_cast<int>(s.lines.size()));
     screen_filesystems(s, filesystems, fs_room);
+    screen_alerts(s, firing, alert_room);
     screen_processes(s, v, options, height, scroll);
     return s.lines;
 }

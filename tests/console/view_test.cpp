@@ -140,9 +140,11 @@ TEST(View, PseudoFileSystemsHiddenUnlessAsked) {
 // What an 80x24 terminal shows (one line is the key bar): the summary and ten process rows
 // at least, whatever the number of processors.
 TEST(View, SmallTerminalKeepsTenProcessRows) {
+    std::vector<Alert> firing(5);
     for (int processors : {1, 2, 16, 128}) {
         HostView v = busy_host(processors, 40);
-        std::vector<ViewLine> lines = layout_screen(v, "h:1", ViewOptions{}, 80, 23, 0);
+        std::vector<Alert> shown(firing.begin(), firing.begin() + processors % 6);
+        std::vector<ViewLine> lines = layout_screen(v, "h:1", ViewOptions{}, shown, 80, 23, 0);
         ASSERT_LE(lines.size(), 23u) << processors;
         auto heading = std::find_if(lines.begin(), lines.end(), [](const ViewLine& l) {
             return l.kind == ViewLine::kColumns && l.text.find("PID") != std::string::npos;
@@ -166,7 +168,7 @@ TEST(View, ScreenShowsTheFilterTheOrderAndEachProcessorByMode) {
     ViewOptions o;
     o.filter = "p3";
     o.reverse = true;
-    std::vector<ViewLine> lines = layout_screen(v, "h:1", o, 80, 40, 1);
+    std::vector<ViewLine> lines = layout_screen(v, "h:1", o, {}, 80, 40, 1);
     std::string text = render_text(lines, 80);
     EXPECT_TRUE(has(text, "Processes 11 of 40, by cpu reversed, filter 'p3'"));
     // Reversed, the idlest match comes first; one row scrolled away.
@@ -176,4 +178,40 @@ TEST(View, ScreenShowsTheFilterTheOrderAndEachProcessorByMode) {
     for (const ViewLine& l : lines)
         if (l.text.rfind("cpu", 0) == 0 && l.modes.present && l.bar >= 0) ++processor_bars;
     EXPECT_EQ(processor_bars, 2);
+}
+
+// Firing rules get a line each, the last one counting those that did not fit.
+TEST(View, AlertPanelNamesFiringRules) {
+    HostView v = busy_host(2, 40);
+    std::vector<Alert> firing;
+    for (const char* name : {"hot", "full", "swap", "slow"})
+        firing.push_back({name, "Cpu->Total", ">", 90, 97.5, 95, 99, "23:01:02", ""});
+    struct Case {
+        std::size_t count;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {0, {}},
+        {1, {"ALERT hot  Cpu->Total > 90  avg 97.5  since 23:01:02"}},
+        {4,
+         {"ALERT hot  Cpu->Total > 90  avg 97.5  since 23:01:02",
+          "ALERT full  Cpu->Total > 90  avg 97.5  since 23:01:02", "ALERT swap and 1 more firing"}},
+    };
+    for (const Case& c : cases) {
+        std::vector<Alert> shown(firing.begin(), firing.begin() + static_cast<long>(c.count));
+        std::vector<std::string> panel;
+        for (const ViewLine& l : layout_screen(v, "h:1", ViewOptions{}, shown, 80, 23, 0))
+            if (l.kind == ViewLine::kAlert) panel.push_back(l.text);
+        EXPECT_EQ(panel, c.lines) << c.count;
+    }
+}
+
+// The hub hands alerts on in the agent's own line format; they must read back whole.
+TEST(View, AlertLinesReadBack) {
+    Alert a{"hot", "Cpu->Total", ">=", 90, 97.25, 95, 1e6, "11:02:03 24-Nov-2026", "busy: cpu"};
+    Alert back;
+    std::string err;
+    ASSERT_TRUE(parse_alert_line(alert_line(a), back, err)) << err;
+    EXPECT_EQ(alert_line(back), alert_line(a));
+    EXPECT_EQ(back.description, "busy: cpu");
+    EXPECT_DOUBLE_EQ(back.ave, 97.25);
 }
