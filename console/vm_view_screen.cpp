@@ -104,7 +104,7 @@ void screen_alerts(Screen& s, const std::vector<Alert>& firing, int room) {
             return;
         }
         s.add(ViewLine::kAlert,
-              fmt::format("ALERT {}  {} {} {:g}  avg {:g}  since {}", a.name, a.path, a.condition,
+              fmt::format("ALERT {}  {} {} {:.4g}  avg {:.4g}  since {}", a.name, a.path, a.condition,
                           a.limit, a.ave, a.raised));
     }
 }
@@ -129,7 +129,7 @@ std::vector<ViewLine> layout_screen(const HostView& v, const std::string& source
                                     const ViewOptions& options, const std::vector<Alert>& firing,
                                     int width, int height, int scroll) {
     Screen s{{}, static_cast<std::size_t>(std::max(width, 20))};
-    s.add(ViewLine::kTitle, fmt::format("vornmon {}  {}  packet {}  {:.0f} s", source, v.time,
+    s.add(ViewLine::kTitle, fmt::format("vornmon {}  {}  packet {}  every {:.0f} s", source, v.time,
                                         v.packet, v.seconds));
     int table = v.has_processes ? kMinProcessRows + 2 : 0;
     int spare = std::max(0, height - table - kFixedSummaryLines);
