@@ -197,27 +197,35 @@ double own_cpu_s() {
     return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+struct Options {
     std::string hub_bin = std::string(VORN_BINARY_DIR) + "/vornmon";
     std::string packets;
-    int agents_n = 200, clients = 0, seconds = 60, scan_ms = 2000;
+    int agents = 200, clients = 0, seconds = 60, scan_ms = 2000;
+};
+
+Options parse_options(int argc, char** argv) {
+    Options o;
     for (int i = 1; i + 1 < argc; i += 2) {
         std::string k = argv[i], v = argv[i + 1];
         if (k == "-hub")
-            hub_bin = v;
+            o.hub_bin = v;
         else if (k == "-agents")
-            agents_n = std::stoi(v);
+            o.agents = std::stoi(v);
         else if (k == "-clients")
-            clients = std::stoi(v);
+            o.clients = std::stoi(v);
         else if (k == "-seconds")
-            seconds = std::stoi(v);
+            o.seconds = std::stoi(v);
         else if (k == "-scan-ms")
-            scan_ms = std::stoi(v);
+            o.scan_ms = std::stoi(v);
         else if (k == "-packets")
-            packets = v;
+            o.packets = v;
     }
+    return o;
+}
+
+// The header packet and a data packet of the recording (the last one: a later data packet
+// is more typical than the first). False, with a message, when it holds no such pair.
+bool read_recording(const std::string& packets, std::string& header, std::string& data) {
     std::string stream =
         packets.empty()
             ? slurp(std::string(VORN_SOURCE_DIR) + "/tests/fixtures/packets/agent-header.pkt") +
@@ -225,17 +233,27 @@ int main(int argc, char** argv) {
             : slurp(packets);
     Framer framer;
     framer.feed(stream);
-    std::string header, data, raw, err;
+    std::string raw, err;
     if (framer.next(header, raw, err) != Framer::Result::kPacket ||
         framer.next(data, raw, err) != Framer::Result::kPacket) {
         std::fprintf(stderr, "hub_load: no header and data packet in the recording: %s\n",
                      err.c_str());
-        return 1;
+        return false;
     }
-    // A later data packet of the recording is more typical than the first one.
     for (std::string more; framer.next(more, raw, err) == Framer::Result::kPacket;) data = more;
+    return true;
+}
 
-    Agents agents(agents_n, header, data, scan_ms);
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Options opt = parse_options(argc, argv);
+    const std::string& hub_bin = opt.hub_bin;
+    const int agents_n = opt.agents, clients = opt.clients, seconds = opt.seconds;
+    std::string header, data;
+    if (!read_recording(opt.packets, header, data)) return 1;
+
+    Agents agents(agents_n, header, data, opt.scan_ms);
     std::string file = "/tmp/hub_load_agents." + std::to_string(getpid());
     {
         std::ofstream f(file);
@@ -297,7 +315,7 @@ int main(int argc, char** argv) {
 
     double hub_cpu = hub_cpu1 - hub_cpu0;
     std::printf("agents %d, scan %d ms, stream readers %d, %.0f s, packet body %zu bytes\n",
-                agents_n, scan_ms, clients, wall, data.size());
+                agents_n, opt.scan_ms, clients, wall, data.size());
     std::printf("hub cpu          %.2f s = %.1f%% of one core, %.3f%% per agent\n", hub_cpu,
                 100 * hub_cpu / wall, 100 * hub_cpu / wall / agents_n);
     std::printf("hub resident     %ld KiB = %.0f KiB per agent\n", rss1, double(rss1) / agents_n);
