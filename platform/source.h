@@ -18,3 +18,4 @@
 #include "platform/net.h"
 #include "platform/fs.h"
 #include "platform/process.h"
+#include "platform/process_identity.h"
