@@ -1,4 +1,4 @@
-// Privileges (Linux capabilities), the daemon account and the /proc process lookups.
+// Privileges, the daemon account and the process lookups.
 #pragma once
 
 int priv_init();

@@ -19,3 +19,4 @@
 #include "platform/fs.h"
 #include "platform/process.h"
 #include "platform/process_identity.h"
+#include "platform/privileges.h"
