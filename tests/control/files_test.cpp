@@ -159,8 +159,8 @@ TEST(AgentFiles, RelativePathsAreAnchoredAtTheWorkingDirectory) {
     ChildResult r = run_in_child([&] {
         if (chdir(t.path.c_str()) != 0) return 99;
         RtaCmdline rec{};
-        strcpy(rec.install_dir, "var/root");
-        strcpy(rec.lock_file, "var/root/tmp/h_rtdc.lock");
+        strcpy(rec.install_dir, "typed/root");
+        strcpy(rec.lock_file, "typed/root/tmp/h_rtdc.lock");
         strcpy(rec.log_dir, "/abs/logs");
         if (!rta_make_paths_absolute(&rec)) return 98;
         printf("%s|%s|%s|%s|", rec.install_dir, rec.lock_file, rec.log_dir, rec.data_dir);
@@ -171,5 +171,5 @@ TEST(AgentFiles, RelativePathsAreAnchoredAtTheWorkingDirectory) {
     ASSERT_NE(realpath(t.path.c_str(), cwd), nullptr);
     const std::string here = cwd;
     EXPECT_EQ(r.exit_code, 0);
-    EXPECT_EQ(r.out, here + "/var/root|" + here + "/var/root/tmp/h_rtdc.lock|/abs/logs||");
+    EXPECT_EQ(r.out, here + "/typed/root|" + here + "/typed/root/tmp/h_rtdc.lock|/abs/logs||");
 }
