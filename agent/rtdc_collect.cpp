@@ -45,10 +45,6 @@ int setup_snapshot(int send) {
                   static_cast<long>(pthread_self()));
     SnapshotHeader(&rta_cmdline, rtdc_data_headers, &n_rtdc_data_headers, rtdc_data_buffers,
                    &n_rtdc_data_buffers);
-    if (n_rtdc_data_headers >= kMaxLines) {
-        rtdc_logf("FATAL: Too many metrics! %d \n", n_rtdc_data_headers);
-        printf("FATAL: Too many metrics! %d \n", n_rtdc_data_headers);
-    }
     Snapshot(&rta_cmdline, rtdc_data_headers, &n_rtdc_data_headers, rtdc_data_buffers,
              &n_rtdc_data_buffers, send);
     scan_counter = scan_intvl.load();

@@ -29,7 +29,6 @@ int n_rtdc_header_len = 0, n_rtdc_data_len = 0;
 namespace {
 
 constexpr size_t kHeaderLine = 256;          // one header line
-constexpr size_t kProcessHeaderLine = 2048;  // one process header line
 constexpr size_t kDataString = 2048;         // all data lines of one class instance
 
 // "%.2f" of v into [out, limit), returning the end. printf rounds the exact binary value to
@@ -246,41 +245,27 @@ int rtdc_buffer_headers(char** headers, int* count, const void* data_record, Cou
     return added;
 }
 
-int rtdc_buffer_process_headers(char** headers, int* count, CounterDef* table,
-                                const void* data_record, long pid, const char* process_name) {
-    if (exit_recieved.load(std::memory_order_relaxed) == 1) return 0;
-    rtdc_ProcessFillIds(table, pid);
-    char pid_text[24];
-    auto r = std::to_chars(pid_text, pid_text + sizeof pid_text, pid);
-    const std::string_view pid_view(pid_text, static_cast<size_t>(r.ptr - pid_text));
-    const std::string_view name = process_name ? process_name : "";
-    for (const CounterDef* row = table; row && row->id != 0; ++row) {
-        char local[kProcessHeaderLine];
-        char* room = rtdc_lines::reserve(headers, *count, kProcessHeaderLine);
-        char* buffer = room ? room : local;
-        LineBuilder line(buffer, kProcessHeaderLine);
-        bool made = false;
-        if (row->is_counter == 0 || row->is_counter == 1) {
-            line.put("Process");
-            line.put(separator_for(*row));
-            line.put(name);
-            line.put("  (");
-            line.put(pid_view);
-            line.put(")->");
-            line.put_field(row->name, sizeof row->name);
-            put_row_fields(line, *row);
-            made = row->is_counter == 1 ||
-                   put_header_value(line, value_type(row->type).process_header, *row,
-                                    data_record);
-            line.put('\n');
-        }
+size_t rtdc_process_header_line(char* out, const CounterDef& row, const void* record,
+                                std::string_view name, std::string_view pid) {
+    LineBuilder line(out, kProcessHeaderLine);
+    if (row.is_counter == 0 || row.is_counter == 1) {
+        line.put("Process");
+        line.put(separator_for(row));
+        line.put(name);
+        line.put("  (");
+        line.put(pid);
+        line.put(")->");
+        line.put_field(row.name, sizeof row.name);
+        put_row_fields(line, row);
+        const bool made = row.is_counter == 1 ||
+                          put_header_value(line, value_type(row.type).process_header, row, record);
+        line.put('\n');
         // Consoles count process header entries, so a row that makes no line still takes
         // one entry: an empty string.
-        if (!made) line = LineBuilder(buffer, kProcessHeaderLine);
-        const char* text = line.finish();
-        rtdc_lines::store(headers, count, &n_rtdc_header_len, text, line.size());
+        if (!made) line = LineBuilder(out, kProcessHeaderLine);
     }
-    return 1;
+    line.finish();
+    return line.size();
 }
 
 int rtdc_buffer_data(char** buffers, int* count, const void* data_record, const CounterDef* table) {

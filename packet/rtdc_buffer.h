@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 
 #include "collectors/rtdc_tables.h"
 
@@ -22,8 +23,13 @@ long rtdc_ProcessGenids(long pid, int index);
 void rtdc_ProcessFillIds(CounterDef* table, long pid);
 int rtdc_buffer_headers(char** headers, int* count, const void* data_record, CounterDef* table,
                         const char* class_prefix);
-int rtdc_buffer_process_headers(char** headers, int* count, CounterDef* table,
-                                const void* data_record, long pid, const char* process_name);
+
+inline constexpr size_t kProcessHeaderLine = 2048;
+/// The header line of one row of a process's table, into `out` (kProcessHeaderLine bytes)
+/// NUL-terminated, with the row's id as it stands; returns its length. A row that makes no
+/// line gives an empty one: consoles count process header entries, one per row.
+size_t rtdc_process_header_line(char* out, const CounterDef& row, const void* record,
+                                std::string_view name, std::string_view pid);
 int rtdc_buffer_data(char** buffers, int* count, const void* data_record, const CounterDef* table);
 void* rtdc_alloc(size_t size);
 int rtdc_alloc64(size_t size, void** out_pointer);

@@ -29,11 +29,8 @@ void PacketOutput::report_or_register(const char* class_name, CounterDef* table,
 bool PacketOutput::announce_process(const char* name, long pid, CounterDef* table,
                                     const void* record) {
     if (!start_rtdc.load(std::memory_order_relaxed)) return true;
-    int rows = 0;
-    while (table[rows].id != 0) ++rows;
-    if (*nheaders_ + rows > kMaxLines) return false;
-    rtdc_buffer_process_headers(headers_, nheaders_, table, record, pid, name);
-    return true;
+    if (exit_recieved.load(std::memory_order_relaxed) == 1) return true;  // shutting down
+    return process_headers_.add(pid, name, table, record, kMaxLines - *nheaders_);
 }
 
 bool PacketOutput::register_process(const char* name, long pid, const CounterDef* table,
@@ -43,6 +40,7 @@ bool PacketOutput::register_process(const char* name, long pid, const CounterDef
 }
 
 void PacketOutput::report_process(long pid, CounterDef* table, const void* record) {
+    if (start_rtdc != 1) return;  // the scan still runs for the alerts: nobody reads the lines
     // Process ids derive from the pid, so one shared table serves every process.
     rtdc_ProcessFillIds(table, pid);
     rtdc_buffer_data(buffers_, nbuffers_, record, table);

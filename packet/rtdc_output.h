@@ -4,11 +4,19 @@
 #pragma once
 
 #include "collectors/rtdc_output.h"
+#include "packet/rtdc_process_headers.h"
 
 class PacketOutput final : public ClassOutput {
   public:
-    PacketOutput(char** headers, int* nheaders, char** buffers, int* nbuffers)
-        : headers_(headers), nheaders_(nheaders), buffers_(buffers), nbuffers_(nbuffers) {}
+    /// Process header lines go to the header pass's own list (see rtdc_process_headers.h);
+    /// every other line to the arrays given.
+    PacketOutput(char** headers, int* nheaders, char** buffers, int* nbuffers,
+                 ProcessHeaderLines& process_headers = rtdc_pass_process_headers())
+        : headers_(headers),
+          nheaders_(nheaders),
+          buffers_(buffers),
+          nbuffers_(nbuffers),
+          process_headers_(process_headers) {}
 
     void announce(const char* class_name, CounterDef* table, void* record, HeaderLines lines,
                   TreeCounters tree) override;
@@ -27,4 +35,5 @@ class PacketOutput final : public ClassOutput {
     int* nheaders_;
     char** buffers_;
     int* nbuffers_;
+    ProcessHeaderLines& process_headers_;
 };

@@ -7,13 +7,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 #include <string_view>
-#include <vector>
 
 #include "agent/rtdc_clock.h"
 #include "agent/rtdc_connection.h"
@@ -21,6 +22,7 @@
 #include "agent/rtdc_log.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_lines.h"
+#include "packet/rtdc_process_headers.h"
 
 namespace {
 
@@ -43,33 +45,17 @@ int clamp_count(char** lines, int count) {
     return count > kMaxLines ? kMaxLines : count;
 }
 
-// Bytes of one section; the line lengths are kept for the copy that follows.
-size_t section_length(char** lines, int count, std::vector<size_t>& lengths, std::string_view open,
-                      std::string_view close, std::string_view empty) {
-    if (count == 0) return empty.size();
-    size_t total = open.size() + close.size();
-    for (int i = 0; i < count; ++i) {
-        size_t n = rtdc_lines::length(lines, i);
-        lengths.push_back(n);
-        total += n;
-    }
+size_t lines_length(char** lines, int count) {
+    size_t total = 0;
+    for (int i = 0; i < count; ++i) total += rtdc_lines::length(lines, i);
     return total;
 }
 
-char* copy_section(char* p, char** lines, int count, const size_t* lengths, std::string_view open,
-                   std::string_view close, std::string_view empty) {
-    if (count == 0) {
-        memcpy(p, empty.data(), empty.size());
-        return p + empty.size();
-    }
-    memcpy(p, open.data(), open.size());
-    p += open.size();
+void put_lines(PacketSink& sink, char** lines, int count) {
     for (int i = 0; i < count; ++i) {
-        if (lengths[i]) memcpy(p, lines[i], lengths[i]);
-        p += lengths[i];
+        const size_t n = rtdc_lines::length(lines, i);
+        if (n) sink.put(std::string_view(lines[i], n));
     }
-    memcpy(p, close.data(), close.size());
-    return p + close.size();
 }
 
 // Writes without raising SIGPIPE, whatever the process's signal setup.
@@ -94,130 +80,167 @@ bool worth_retrying(int fd) {
     return rc > 0 && (pfd.revents & POLLOUT);
 }
 
+// Sends a packet as it is put: a small one (whose size is known first) in one write, a
+// large one in chunks of a kilobyte, so a packet of any size never needs a copy of itself.
+class SocketSink final : public PacketSink {
+  public:
+    SocketSink(int fd, size_t size, int trace) : fd_(fd), size_(size), trace_(trace) {
+        pending_.reserve(size <= kSmallPacket ? size : kChunk);
+    }
+
+    void put(std::string_view text) override {
+        const bool small = size_ <= kSmallPacket;
+        const size_t limit = small ? size_ : kChunk;
+        while (!text.empty() && !failed_) {
+            const size_t take = std::min(text.size(), limit - pending_.size());
+            if (take == 0) return;  // more than the size announced: never sent
+            pending_.append(text.data(), take);
+            text.remove_prefix(take);
+            if (!small && pending_.size() == limit) write_chunk();
+        }
+    }
+
+    // Writes what is left and applies the failure rules; may end the calling thread.
+    int finish() {
+        if (size_ <= kSmallPacket) {
+            write_small();
+        } else {
+            while (!pending_.empty() && !failed_) write_chunk();
+            if (failed_) {
+                // A failed large packet stops sending; the collection thread goes on.
+                start_rtdc = 0;
+                if (rtdc_release_data_connection(fd_)) return 1;
+            }
+        }
+        // Drain whatever the console sent back, without waiting for it.
+        char scratch[8];
+        (void)!recv(fd_, scratch, sizeof scratch, MSG_DONTWAIT);
+        return 1;
+    }
+
+  private:
+    void write_small() {
+        const size_t len = pending_.size();
+        ssize_t status = write_out(fd_, pending_.data(), len);
+        if (status == static_cast<ssize_t>(len)) return;
+        int err = errno;
+        if (status >= 0) err = 0;  // a short write sets no error
+        rtdc_logf("WriteSocket failed, errno (%d) : len = %d , status = %d , %s \n", err,
+                  static_cast<int>(len), static_cast<int>(status), strerror(err));
+        rtdc_logf("WriteSocket: DataSize:  %d,  DataSent: %d\n", static_cast<int>(len),
+                  static_cast<int>(status));
+        RTDCAppendLog("WriteSocket: client probably exited, decrement start_rtdc...\n");
+        start_rtdc = 0;
+        exit_recieved = 1;
+        collect_started = 0;
+        rtdc_release_data_connection(fd_);
+        // The console is gone: the collection thread ends here; a later <DATA> request
+        // starts a new one.
+        pthread_exit(nullptr);
+    }
+
+    // One write of the pending chunk; what a short write leaves is topped up by the next put.
+    void write_chunk() {
+        if (trace_) printf("WRITE=  %.*s\n\n", static_cast<int>(pending_.size()), pending_.data());
+        for (;;) {
+            ssize_t n = write_out(fd_, pending_.data(), pending_.size());
+            if (n >= 0) {
+                pending_.erase(0, static_cast<size_t>(n));
+                return;
+            }
+            if (errno == EINTR) continue;
+            if ((errno == EAGAIN || errno == EWOULDBLOCK) && worth_retrying(fd_)) continue;
+            failed_ = true;
+            return;
+        }
+    }
+
+    int fd_;
+    size_t size_;
+    int trace_;
+    std::string pending_;
+    bool failed_ = false;
+};
+
+int next_packet_number() {
+    int number = PacketNumber.load(std::memory_order_relaxed);
+    return number > kPacketNumberLimit ? 1 : number;
+}
+
 }  // namespace
 
-int rtdc_packetize_data(char** headers, int header_count, char** buffers, int buffer_count,
-                        char* out, int length_hint) {
-    if (!out) return 0;
-    out[0] = '\0';
-    header_count = clamp_count(headers, header_count);
-    buffer_count = clamp_count(buffers, buffer_count);
+PacketFrame::PacketFrame(const PacketLines& lines) : lines_(lines) {
+    lines_.header_count = clamp_count(lines.headers, lines.header_count);
+    lines_.buffer_count = clamp_count(lines.buffers, lines.buffer_count);
+    number_ = next_packet_number();
 
-    int number = PacketNumber.load(std::memory_order_relaxed);
-    if (number > kPacketNumberLimit) number = 1;
     char when[80];
     TimeString(rtdc_now(), when);  // the second the packet is made in
     char head[256];
     int head_len = snprintf(head, sizeof head,
                             "<START>\n<PACKET>\n%d\n</PACKET>\n<TIME>\n%s\n</TIME>\n"
                             "<INTERVAL>\n%d\n</INTERVAL>\n",
-                            number, when, scan_intvl.load(std::memory_order_relaxed));
-    if (head_len < 0) return 0;
+                            number_, when, scan_intvl.load(std::memory_order_relaxed));
+    if (head_len < 0) head_len = 0;
     if (static_cast<size_t>(head_len) >= sizeof head) head_len = sizeof head - 1;
 
-    // Line lengths are measured once and reused for the copy.
-    thread_local std::vector<size_t> lengths;
-    lengths.clear();
-    size_t body = static_cast<size_t>(head_len);
-    body += section_length(headers, header_count, lengths, kHeaderOpen, kHeaderClose, kHeaderEmpty);
-    const size_t header_lengths = lengths.size();
-    body += section_length(buffers, buffer_count, lengths, kDataOpen, kDataClose, kDataEmpty);
-    body += kEnd.size();
+    const size_t header_lines =
+        lines_length(lines_.headers, lines_.header_count) +
+        (lines_.process_headers ? lines_.process_headers->length() : 0);
+    const bool has_headers = lines_.header_count > 0 ||
+                             (lines_.process_headers && lines_.process_headers->entries() > 0);
+    if (!has_headers) lines_.process_headers = nullptr;
+    body_ = has_headers ? kHeaderOpen.size() + header_lines + kHeaderClose.size()
+                        : kHeaderEmpty.size();
+    body_ += lines_.buffer_count
+                 ? kDataOpen.size() + lines_length(lines_.buffers, lines_.buffer_count) +
+                       kDataClose.size()
+                 : kDataEmpty.size();
+    body_ += kEnd.size();
 
     char prefix[48];
+    const size_t total = static_cast<size_t>(head_len) + body_;
     int prefix_len = snprintf(prefix, sizeof prefix,
                               FirstBuffer.load(std::memory_order_relaxed) ? " \nBUFFERSIZE=%06zu\n"
                                                                           : "BUFFERSIZE=%06zu\n",
-                              body);
-    // The caller sized the buffer from the line totals plus room for the tags; a packet
-    // that would not fit is refused rather than written past the end.
-    const size_t capacity = static_cast<size_t>(length_hint > 0 ? length_hint : 0) + 8192;
-    if (prefix_len < 0 || static_cast<size_t>(prefix_len) + body + 1 > capacity) return 0;
-
-    // The body goes straight behind the prefix: its length is known before it is written.
-    char* p = out;
-    memcpy(p, prefix, static_cast<size_t>(prefix_len));
-    p += prefix_len;
-    memcpy(p, head, static_cast<size_t>(head_len));
-    p += head_len;
-    p = copy_section(p, headers, header_count, lengths.data(), kHeaderOpen, kHeaderClose,
-                     kHeaderEmpty);
-    p = copy_section(p, buffers, buffer_count, lengths.data() + header_lengths, kDataOpen,
-                     kDataClose, kDataEmpty);
-    memcpy(p, kEnd.data(), kEnd.size());
-    p += kEnd.size();
-    *p = '\0';
-
-    PacketNumber.store(number + 1, std::memory_order_relaxed);
-    return 1;
+                              total);
+    prefix_.assign(prefix, prefix_len > 0 ? static_cast<size_t>(prefix_len) : 0);
+    prefix_.append(head, static_cast<size_t>(head_len));
 }
 
-char* rtdc_packet_buffer(int length_hint) {
-    static char* buffer = nullptr;
-    static size_t capacity = 0;
-    const size_t size = static_cast<size_t>(length_hint > 0 ? length_hint : 0) + 8192;
-    // Grow with some headroom so a host that adds a few lines does not reallocate every
-    // scan; give the memory back when the packets became much smaller.
-    if (size > capacity || (capacity > (size_t{4} << 20) && size < capacity / 4)) {
-        size_t want = size + size / 4;
-        auto* fresh = static_cast<char*>(malloc(want));
-        if (!fresh) {
-            if (size > capacity) return nullptr;
-        } else {
-            free(buffer);
-            buffer = fresh;
-            capacity = want;
-        }
+void PacketFrame::write(PacketSink& sink) const {
+    sink.put(prefix_);
+    if (lines_.header_count == 0 && !lines_.process_headers) {
+        sink.put(kHeaderEmpty);
+    } else {
+        sink.put(kHeaderOpen);
+        put_lines(sink, lines_.headers, lines_.header_count);
+        if (lines_.process_headers) lines_.process_headers->write(sink);
+        sink.put(kHeaderClose);
     }
-    buffer[0] = '\0';
-    return buffer;
+    if (lines_.buffer_count == 0) {
+        sink.put(kDataEmpty);
+    } else {
+        sink.put(kDataOpen);
+        put_lines(sink, lines_.buffers, lines_.buffer_count);
+        sink.put(kDataClose);
+    }
+    sink.put(kEnd);
+    PacketNumber.store(number_ + 1, std::memory_order_relaxed);
 }
+
+int rtdc_send_lines(int fd, const PacketLines& lines) {
+    const PacketFrame frame(lines);
+    SocketSink sink(fd, frame.size(), 0);
+    frame.write(sink);
+    return sink.finish();
+}
+
+void rtdc_skip_packet() { PacketNumber.store(next_packet_number() + 1, std::memory_order_relaxed); }
 
 int rtdc_send_packet(int fd, const char* text, int trace) {
     const size_t len = strlen(text);
-    if (len <= kSmallPacket) {
-        ssize_t status = write_out(fd, text, len);
-        if (status != static_cast<ssize_t>(len)) {
-            int err = errno;
-            if (status >= 0) err = 0;  // a short write sets no error
-            rtdc_logf("WriteSocket failed, errno (%d) : len = %d , status = %d , %s \n", err,
-                      static_cast<int>(len), static_cast<int>(status), strerror(err));
-            rtdc_logf("WriteSocket: DataSize:  %d,  DataSent: %d\n", static_cast<int>(len),
-                      static_cast<int>(status));
-            RTDCAppendLog("WriteSocket: client probably exited, decrement start_rtdc...\n");
-            start_rtdc = 0;
-            exit_recieved = 1;
-            collect_started = 0;
-            rtdc_release_data_connection(fd);
-            // The console is gone: the collection thread ends here; a later <DATA> request
-            // starts a new one.
-            pthread_exit(nullptr);
-        }
-    } else {
-        const char* p = text;
-        size_t left = len;
-        bool failed = false;
-        while (left > 0) {
-            size_t chunk = left < kChunk ? left : kChunk;
-            if (trace) printf("WRITE=  %.*s\n\n", static_cast<int>(chunk), p);
-            ssize_t n = write_out(fd, p, chunk);
-            if (n < 0) {
-                if (errno == EINTR) continue;
-                if ((errno == EAGAIN || errno == EWOULDBLOCK) && worth_retrying(fd)) continue;
-                failed = true;
-                break;
-            }
-            p += n;
-            left -= static_cast<size_t>(n);
-        }
-        if (failed) {
-            // A failed large packet stops sending; the collection thread goes on.
-            start_rtdc = 0;
-            if (rtdc_release_data_connection(fd)) return 1;
-        }
-    }
-    // Drain whatever the console sent back, without waiting for it.
-    char scratch[8];
-    (void)!recv(fd, scratch, sizeof scratch, MSG_DONTWAIT);
-    return 1;
+    SocketSink sink(fd, len, trace);
+    sink.put(std::string_view(text, len));
+    return sink.finish();
 }

@@ -10,6 +10,7 @@
 #include "agent/rtdc_log.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_packet.h"
+#include "packet/rtdc_process_headers.h"
 
 namespace {
 
@@ -48,6 +49,8 @@ int SnapshotHeader(RtaCmdline* settings, char** headers, int* header_count, char
                    int* buffer_count) {
     std::lock_guard<std::recursive_mutex> pass(snapshot_mutex);
     const int verbose = settings->verbose;
+    ProcessHeaderLines& process_headers = rtdc_pass_process_headers();
+    process_headers.clear();
     for (const SnapshotClass& c : classes) {
         if (!enabled(c, settings)) continue;
         if (verbose)
@@ -61,12 +64,17 @@ int SnapshotHeader(RtaCmdline* settings, char** headers, int* header_count, char
             "DataLen %d)\n",
             *header_count, *buffer_count, n_rtdc_header_len, n_rtdc_data_len);
 
-    // A header packet also carries whatever data strings exist, so it is sized for both.
-    const int hint = n_rtdc_header_len + n_rtdc_data_len;
-    char* packet = rtdc_packet_buffer(hint);
-    if (!packet) return 0;
-    rtdc_packetize_data(headers, *header_count, buffers, *buffer_count, packet, hint);
-    if (start_rtdc == 1) rtdc_send_packet(ctrl_sock, packet, 0);
+    const int entries = *header_count + process_headers.entries();
+    if (entries >= kMaxLines) {
+        rtdc_logf("FATAL: Too many metrics! %d \n", entries);
+        printf("FATAL: Too many metrics! %d \n", entries);
+    }
+    // A header packet also carries whatever data strings exist.
+    if (start_rtdc == 1)
+        rtdc_send_lines(ctrl_sock, {headers, *header_count, &process_headers, buffers, *buffer_count});
+    else
+        rtdc_skip_packet();
+    process_headers.clear();
     FirstPass = 0;
     counter_added = 1;
     return 1;
@@ -92,15 +100,11 @@ int Snapshot(RtaCmdline* settings, char** headers, int* header_count, char** buf
             "DataLen %d)\n",
             *header_count, *buffer_count, n_rtdc_header_len, n_rtdc_data_len);
 
-    char* packet = rtdc_packet_buffer(n_rtdc_data_len);
-    if (!packet) {
-        rtdc_logf("vornrta: malloc failed on packet_buffer (len = %d)...\n",
-                  n_rtdc_data_len + 8192);
-        return 0;
-    }
     // A data packet never carries header lines, even ones a collector appended just now.
-    rtdc_packetize_data(headers, 0, buffers, *buffer_count, packet, n_rtdc_data_len);
-    if (send == 1 && start_rtdc == 1) rtdc_send_packet(ctrl_sock, packet, 0);
+    if (send == 1 && start_rtdc == 1)
+        rtdc_send_lines(ctrl_sock, {nullptr, 0, nullptr, buffers, *buffer_count});
+    else
+        rtdc_skip_packet();
     if (verbose) RTDCAppendLog("Snapshot:  returning...\n");
     return 1;
 }

@@ -16,6 +16,7 @@
 #include "packet/rtdc_state.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_packet.h"
+#include "packet/rtdc_process_headers.h"
 
 namespace {
 
@@ -59,10 +60,6 @@ class Lines : public ::testing::Test {
     }
     static int Headers(const void* record, CounterDef* table) {
         return rtdc_buffer_headers(rtdc_data_headers, &n_rtdc_data_headers, record, table, "Cpu");
-    }
-    static int ProcessHeaders(CounterDef* table, const void* record, long pid, const char* name) {
-        return rtdc_buffer_process_headers(rtdc_data_headers, &n_rtdc_data_headers, table, record,
-                                           pid, name);
     }
     // Header entries as one text, an empty one as an empty line; checks their counted length.
     static std::string HeaderText() {
@@ -115,22 +112,42 @@ TEST_F(Lines, HeaderAndDataLinesForEveryTypeCode) {
     EXPECT_EQ(n_rtdc_header_len, 256);
 }
 
+// Every piece a writer puts, one entry each; an empty one as an empty line.
+struct EntrySink final : PacketSink {
+    void put(std::string_view piece) override {
+        text += piece.empty() ? std::string("\n") : std::string(piece);
+        bytes += piece.size();
+        ++entries;
+    }
+    std::string text;
+    size_t bytes = 0;
+    int entries = 0;
+};
+
 TEST_F(Lines, ProcessHeadersTakeAnEntryForEveryRowWithPidDerivedIds) {
     ProcessRecord rec{};  // no parent and no terminal: 0 and an empty value
     rec.pid = 100;
     snprintf(rec.user_name, sizeof rec.user_name, "root");
     std::vector<CounterDef> table(ProcessCounters, ProcessCounters + PROC_FIELDS());
-    EXPECT_EQ(ProcessHeaders(table.data(), &rec, 100, "sendmail"), 1);
+    ProcessHeaderLines pass;
+    EXPECT_TRUE(pass.add(100, "sendmail", table.data(), &rec, kMaxLines));
     // A row that makes no line still takes one (empty) entry; types 20 and 17 read 64 bits.
     CounterDef odd[] = {
         Row("none", 4, 0, 0), Row("big", 20, AT(i64), 0), Row("bits", 17, AT(u64), 0), {}};
-    ProcessHeaders(odd, &kRecord, 7, "x");
+    EXPECT_TRUE(pass.add(7, "x", odd, &kRecord, kMaxLines));
+    // A process whose lines would pass the limit is left out whole.
+    EXPECT_FALSE(pass.add(8, "y", odd, &kRecord, 22));
+    EXPECT_EQ(pass.entries(), 20);
+    EntrySink sink;
+    pass.write(sink);
     // ids are row number + pid * rows + 65536: the same every scan, apart from ordinary ids
-    EXPECT_EQ(HeaderText(), Fixture("process-headers.txt"));
+    EXPECT_EQ(sink.text, Fixture("process-headers.txt"));
+    EXPECT_EQ(sink.entries, 20);
+    EXPECT_EQ(sink.bytes, pass.length());  // the length announced before the lines
     EXPECT_EQ(Offset, 0);
-    exit_recieved = 1;  // shutting down: nothing more is added
-    EXPECT_EQ(ProcessHeaders(table.data(), &rec, 101, "sendmail"), 0);
-    EXPECT_EQ(n_rtdc_data_headers, 20);
+    pass.clear();
+    EXPECT_EQ(pass.entries(), 0);
+    EXPECT_EQ(pass.length(), 0u);
 }
 
 TEST_F(Lines, FixedTwoDecimalsMatchPrintf) {
@@ -175,11 +192,11 @@ TEST_F(Lines, StoredLinesSurviveReuseForeignEntriesAndFullArrays) {
     // A caller's own malloc'd string is measured, not given a length recorded for another.
     Data(values, table);
     rtdc_data_buffers[n_rtdc_data_buffers++] = strdup("7=a longer line than before\n");
-    std::vector<char> out(8192 + 200);
-    ASSERT_EQ(rtdc_packetize_data(nullptr, 0, rtdc_data_buffers, 2, out.data(), 200), 1);
-    EXPECT_NE(std::string(out.data()).find("<DATA>\n1=49\n1=2\n7=a longer line than before\n"),
+    EntrySink sink;
+    PacketFrame({nullptr, 0, nullptr, rtdc_data_buffers, 2}).write(sink);
+    EXPECT_NE(sink.text.find("<DATA>\n1=49\n1=2\n7=a longer line than before\n"),
               std::string::npos)
-        << out.data();
+        << sink.text;
     TearDown();
     n_rtdc_data_buffers = kMaxLines;  // full: the line is dropped, nothing written past
     EXPECT_EQ(Data(values, table), 0);

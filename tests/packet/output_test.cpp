@@ -90,6 +90,30 @@ TEST_F(Output, ReportsAreSentWhileServedOrRegisterWhenNobodyListens) {
     EXPECT_NE(strstr(buffers[0], "=42.50\n"), nullptr);
 }
 
+TEST_F(Output, ProcessLinesAreMadeOnlyForAServedConsole) {
+    ProcessHeaderLines pass;
+    PacketOutput process_out{headers, &nheaders, buffers, &nbuffers, pass};
+    // served, shutting down, header entries already in the array; entries taken, data lines
+    for (auto [served, closing, taken, want_entries, want_data] :
+         {std::tuple{1, 0, 0, 1, 1}, {0, 0, 0, 0, 0}, {1, 1, 0, 0, 1},
+          {1, 0, kMaxLines, 0, 1}}) {
+        SCOPED_TRACE(testing::Message()
+                     << "served " << served << " closing " << closing << " taken " << taken);
+        clear();
+        pass.clear();
+        start_rtdc = served;
+        exit_recieved = closing;
+        nheaders = taken;
+        // A process left out for want of room is reported as such; one skipped is not.
+        EXPECT_EQ(process_out.announce_process("probe", 42, table, &record), taken == 0);
+        nheaders = 0;
+        EXPECT_EQ(pass.entries(), want_entries);
+        process_out.report_process(42, table, &record);
+        EXPECT_EQ(nbuffers, want_data);
+    }
+    exit_recieved = 0;
+}
+
 TEST_F(Output, WithdrawnInstancesLeaveTheTreeOnce) {
     CounterDef copy[2] = {{1, 0, "/mnt/a->Level", 4, "level", 0, "%", 1}, {}};
     out.announce("Probe", copy, &record, HeaderLines::never, TreeCounters::always);

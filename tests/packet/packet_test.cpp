@@ -15,27 +15,40 @@
 #include "agent/rtdc_log.h"
 #include "packet/rtdc_state.h"
 #include "packet/rtdc_buffer.h"
+#include "packet/rtdc_output.h"
 #include "packet/rtdc_packet.h"
 #include "packet/rtdc_snapshot.h"
 #include "support/second_boundary.h"
 
 namespace {
 
+struct StringSink final : PacketSink {
+    void put(std::string_view piece) override { text += piece; }
+    std::string text;
+};
+
+// The whole packet as a console receives it; checks that its announced size holds.
+std::string Text(const PacketLines& lines) {
+    const PacketFrame frame(lines);
+    StringSink sink;
+    frame.write(sink);
+    EXPECT_EQ(sink.text.size(), frame.size());
+    return sink.text;
+}
+
 class Framing : public ::testing::Test {
   protected:
     void SetUp() override { PacketNumber = 5, FirstBuffer = 1, scan_intvl = 2; }
     void TearDown() override { PacketNumber = 1, FirstBuffer = 1; }
-    // The lines (the first `nheaders` header lines) packetized as the pass does: prefix, body.
+    // The lines (the first `nheaders` header lines) framed as the pass does: prefix, body.
     static std::pair<std::string, std::string> Pack(std::vector<std::string> lines,
                                                     int nheaders = 0) {
         std::vector<char*> p;
-        int hint = 0;
-        for (auto& s : lines) p.push_back(s.data()), hint += static_cast<int>(s.size() + 1);
-        std::vector<char> out(static_cast<size_t>(hint) + 8192);
-        EXPECT_EQ(rtdc_packetize_data(p.data(), nheaders, p.data() + nheaders,
-                                      static_cast<int>(p.size()) - nheaders, out.data(), hint),
-                  1);
-        const std::string packet = out.data(), lead = " \nBUFFERSIZE=";
+        for (auto& s : lines) p.push_back(s.data());
+        const std::string packet =
+            Text({p.data(), nheaders, nullptr, p.data() + nheaders,
+                  static_cast<int>(p.size()) - nheaders});
+        const std::string lead = " \nBUFFERSIZE=";
         EXPECT_EQ(packet.compare(0, lead.size(), lead), 0) << packet;
         size_t eol = packet.find('\n', lead.size());
         return {packet.substr(lead.size(), eol - lead.size()), packet.substr(eol + 1)};
@@ -73,16 +86,11 @@ TEST_F(Framing, LengthPrefixIsZeroPaddedAndNeverTruncated) {
         EXPECT_EQ(packet.first, prefix);
     }
     FirstBuffer = 0;  // later packets have no leading blank line
-    std::vector<char> out(100 + 8192, 'q');
-    ASSERT_EQ(rtdc_packetize_data(nullptr, 0, nullptr, 0, out.data(), 100), 1);
-    EXPECT_TRUE(std::regex_match(std::string(out.data(), 18), std::regex("BUFFERSIZE=\\d{6}\n")));
-    // A buffer too small for the lines is refused, not overrun.
-    std::string big(10000, 'z');
-    char* lines[1] = {big.data()};
-    const int number = PacketNumber;
-    EXPECT_EQ(rtdc_packetize_data(nullptr, 0, lines, 1, out.data(), 100), 0);
-    EXPECT_EQ(out[0], '\0');
-    EXPECT_EQ(PacketNumber, number);  // not used up
+    PacketNumber = 5;
+    EXPECT_TRUE(std::regex_match(Text({}).substr(0, 18), std::regex("BUFFERSIZE=\\d{6}\n")));
+    // A pass nobody receives still uses up its number.
+    rtdc_skip_packet();
+    EXPECT_NE(Text({}).find("<PACKET>\n7\n"), std::string::npos);
 }
 
 TEST_F(Framing, TimeIsTheSecondThePacketIsMadeIn) {
@@ -189,6 +197,17 @@ int Fake(char** headers, int* nheaders, char** buffers, int* nbuffers, int heade
     return fake_result;
 }
 
+// A process class that announces 200 processes through the agent's output in a header pass.
+int AnnouncingProcesses(char** headers, int* nheaders, char** buffers, int* nbuffers,
+                        int header_flag, int) {
+    static CounterDef table[] = {{1, 0, "Level", 4, "level", 0, "%", 1}, {}};
+    static const double level = 1.5;
+    PacketOutput out(headers, nheaders, buffers, nbuffers);
+    for (long pid = 1; header_flag && pid <= 200; ++pid)
+        out.announce_process("probe", pid, table, &level);
+    return 1;
+}
+
 class Pass : public Sending {
   protected:
     void SetUp() override {
@@ -262,6 +281,27 @@ TEST_F(Pass, HeaderPacketCarriesHeadersDataPacketNever) {
     Run(0);
     Run(1);
     EXPECT_TRUE(Received().empty());
+}
+
+TEST_F(Pass, ProcessHeaderLinesEndTheHeaderSectionOfTheSentPacket) {
+    settings.class_cpu = settings.class_process = 1;
+    rtdc_snapshot_classes(&count)[6].collect = AnnouncingProcesses;
+    Run(1);
+    std::string packet;
+    for (const std::string& record : Received()) {
+        EXPECT_LE(record.size(), 1024u);  // over 8 KiB: sent in kilobyte chunks
+        packet += record;
+    }
+    const std::string lead = " \nBUFFERSIZE=";
+    ASSERT_EQ(packet.compare(0, lead.size(), lead), 0) << packet.substr(0, 100);
+    const size_t eol = packet.find('\n', lead.size());
+    EXPECT_EQ(std::stoul(packet.substr(lead.size())), packet.size() - eol - 1);
+    EXPECT_NE(packet.find("<HEADER>\nfake0-h1\nProcess->probe  (1)->Level::"), std::string::npos);
+    EXPECT_NE(packet.find("Process->probe  (200)->Level::"), std::string::npos);
+    EXPECT_NE(packet.find("::level::0,%,1\n</HEADER>\n<DATA>\n </DATA>\n</START>\n"),
+              std::string::npos);
+    EXPECT_EQ(n_rtdc_data_headers, 1);  // the array holds none of them
+    EXPECT_EQ(rtdc_pass_process_headers().entries(), 0);  // forgotten once sent
 }
 
 TEST_F(Pass, FailingClassPrintsItsErrorAndThePassGoesOn) {
