@@ -229,6 +229,28 @@ void PacketFrame::write(PacketSink& sink) const {
     PacketNumber.store(number_ + 1, std::memory_order_relaxed);
 }
 
+int rtdc_packetize_data(char** headers, int header_count, char** buffers, int buffer_count,
+                        char* out, int length_hint) {
+    if (!out) return 0;
+    out[0] = '\0';
+    const PacketFrame frame({headers, header_count, nullptr, buffers, buffer_count});
+    // The caller sized the buffer from the line totals plus room for the tags; a packet
+    // that would not fit is refused rather than written past the end.
+    const size_t capacity = static_cast<size_t>(length_hint > 0 ? length_hint : 0) + 8192;
+    if (frame.size() + 1 > capacity) return 0;
+    struct BufferSink final : PacketSink {
+        explicit BufferSink(char* at) : at(at) {}
+        void put(std::string_view text) override {
+            memcpy(at, text.data(), text.size());
+            at += text.size();
+        }
+        char* at;
+    } sink(out);
+    frame.write(sink);
+    *sink.at = '\0';
+    return 1;
+}
+
 int rtdc_send_lines(int fd, const PacketLines& lines) {
     const PacketFrame frame(lines);
     SocketSink sink(fd, frame.size(), 0);

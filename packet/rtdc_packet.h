@@ -46,6 +46,10 @@ class PacketFrame {
     int number_ = 0;
 };
 
+/// The packet of the lines as one text into `out`, which holds length_hint + 8192 bytes;
+/// 0 (and `out` left empty) when it would not fit.
+int rtdc_packetize_data(char** headers, int header_count, char** buffers, int buffer_count,
+                        char* out, int length_hint);
 /// Frames the lines and sends the packet on the data connection, as rtdc_send_packet sends
 /// a text.
 int rtdc_send_lines(int fd, const PacketLines& lines);

@@ -88,9 +88,18 @@ TEST_F(Framing, LengthPrefixIsZeroPaddedAndNeverTruncated) {
     FirstBuffer = 0;  // later packets have no leading blank line
     PacketNumber = 5;
     EXPECT_TRUE(std::regex_match(Text({}).substr(0, 18), std::regex("BUFFERSIZE=\\d{6}\n")));
+    // A buffer too small for the lines is refused, not overrun.
+    std::vector<char> out(10000 + 8192, 'q');
+    std::string big(10000, 'z');
+    char* lines[1] = {big.data()};
+    EXPECT_EQ(rtdc_packetize_data(nullptr, 0, lines, 1, out.data(), 100), 0);
+    EXPECT_EQ(out[0], '\0');
+    EXPECT_EQ(PacketNumber, 6);  // not used up
+    ASSERT_EQ(rtdc_packetize_data(nullptr, 0, lines, 1, out.data(), 10000), 1);
+    EXPECT_EQ(strlen(out.data()), Text({nullptr, 0, nullptr, lines, 1}).size());
     // A pass nobody receives still uses up its number.
     rtdc_skip_packet();
-    EXPECT_NE(Text({}).find("<PACKET>\n7\n"), std::string::npos);
+    EXPECT_NE(Text({}).find("<PACKET>\n9\n"), std::string::npos);
 }
 
 TEST_F(Framing, TimeIsTheSecondThePacketIsMadeIn) {
