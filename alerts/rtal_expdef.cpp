@@ -143,8 +143,7 @@ treeNode* resolve_and_pin(const char* path, std::unique_lock<std::mutex>& tree_l
 }
 
 // The rules each console holds, and whether its over-the-cap refusal has been logged since
-// its last <EXPDEF>. Guarded by expdef_mutex. A rule that leaves with its process is still
-// counted until the console's next <EXPDEF>, which starts its count afresh.
+// its last <EXPDEF>, which starts its count afresh. Guarded by expdef_mutex.
 struct HeldRules {
     size_t count = 0;
     bool refusal_logged = false;
@@ -309,6 +308,11 @@ void rtal_expdef_action(FILE* stream, const char* owner) {
         rtal::rules_held.erase(owner);
     }
     rtal::read_rules(stream, owner, rtal::kExpdefReader);
+}
+
+void rtal_rule_left_locked(const ExceptionObject* rule) {
+    auto it = rtal::rules_held.find(rule->console);
+    if (it != rtal::rules_held.end() && it->second.count > 0) --it->second.count;
 }
 
 void Add_leave_nodes_to_list(treeNode* leaf, void* fields, void* /*unused*/) {

@@ -57,6 +57,9 @@ extern List* Expdef_list;  // guarded by expdef_mutex
 extern List* Alert_list;   // guarded by alert_mutex
 
 void rtal_expdef_action(FILE* stream, const char* owner);
+/// Caller holds expdef_mutex and takes `rule` out of Expdef_list without its console asking
+/// (its counter went with its process): the rule no longer counts against the console's cap.
+void rtal_rule_left_locked(const ExceptionObject* rule);
 /// Tree-walk visitor for "*" rules: binds a copy of the rule in `fields` (an ExpdefFields) to
 /// the leaf. Runs inside tree_mutex and takes expdef_mutex.
 void Add_leave_nodes_to_list(treeNode* leaf, void* fields, void* unused);

@@ -49,6 +49,7 @@ void close_rules_on(MetricDescription* md) {
                 rtal_free_alert(alert);
             }
             RemoveItem(Expdef_list, it);
+            rtal_rule_left_locked(rule);
             free(rule);
         }
         it = next;

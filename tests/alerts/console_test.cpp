@@ -1,6 +1,7 @@
 // What one console can hold and see: consoles told apart by their whole address, the caps on
 // rules and queued alerts, and rule or event-definition lines holding NUL bytes.
 #include "alert_test_util.h"
+#include "alerts/rtal_process.h"
 
 namespace alert_test {
 namespace {
@@ -45,6 +46,23 @@ TEST_F(ConsoleTest, RuleObjectsPerConsoleAreCapped) {
     // A new request from the console replaces its rules and starts its count afresh.
     LoadRules("again:Net->Sent:>:1:0:0\n", " 10.0.0.7");
     EXPECT_EQ(Rules().size(), kMaxRulesPerConsole + 1);
+}
+
+// A rule that leaves with its process gives its place back: the console's next rules, here
+// an event definition, which adds to what it holds, are taken.
+TEST_F(ConsoleTest, RulesThatLeaveWithTheirProcessGiveTheirPlaceBack) {
+    double level = 1;
+    ASSERT_EQ(AddProcessCounter("worker", ptable_.data(), &level, Metric_Tree, 7), 1);
+    std::string rules;
+    for (size_t i = 1; i < kMaxRulesPerConsole; ++i) rules += "n:Net->Sent:>:1:0:0\n";
+    LoadRules(rules + "p:Process->worker->v:>:1:0:0\n", " 10.0.0.7");
+    ASSERT_EQ(Rules().size(), kMaxRulesPerConsole);
+    RemoveProcessFromTree("worker", 7, 0);
+    ASSERT_EQ(Rules().size(), kMaxRulesPerConsole - 1);
+    WithStream("e:Net->Sent:>:1:0:0\n</EVENT>\n",
+               [](FILE* in) { rtal_event_action(in, " 10.0.0.7"); });
+    EXPECT_EQ(Rules().size(), kMaxRulesPerConsole);
+    EXPECT_EQ(CountOf(Log(), "VORNRTA-W-EXPDEF:"), 0) << Log();
 }
 
 // A console that never collects: its queue stops at the cap with one log line; the rules go
