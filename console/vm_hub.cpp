@@ -151,7 +151,8 @@ AgentLink::AgentLink(AgentSpec spec, const HubOptions& options)
       history_(static_cast<std::size_t>(
                    std::max(1, options.history_s / std::max(1, options.interval) + 1)),
                kMaxHistoryPaths),
-      accumulator_(options.expose) {
+      accumulator_(options.expose),
+      renewal_(std::chrono::seconds(options.renew_s)) {
     status_.name = spec_.name;
     status_.instance = spec_.endpoint.text();
     status_.host = spec_.endpoint.host;
@@ -189,6 +190,7 @@ void AgentLink::run_data() {
                 break;
             case FeedEvent::Kind::kPacket:
                 // Before the sample is handed on: it says whether processes lack a name.
+                if (!e.packet.headers.empty()) renewal_.header_arrived(e.packet.headers.size());
                 if (e.measurement) maybe_renew(feed, e.sample);
                 on_packet(e);
                 break;
@@ -290,14 +292,9 @@ void AgentLink::maybe_renew(AgentFeed& feed, const Sample& sample) {
     bool unnamed = std::any_of(
         sample.readings.begin(), sample.readings.end(),
         [](const Reading& r) { return r.metric->is_process && r.metric->process_name.empty(); });
-    if (!unnamed) return;
-    Clock::time_point now = Clock::now();
-    if (last_renew_ != Clock::time_point{} &&
-        now - last_renew_ < std::chrono::seconds(options_.renew_s))
-        return;
+    if (!unnamed || !renewal_.due(Clock::now())) return;
     // A new <DATA> on the hub's own connection: the agent answers with a header pass that
     // names every process running now.
-    last_renew_ = now;
     feed.renew();
     std::lock_guard<std::mutex> lock(mutex_);
     ++status_.renewals;

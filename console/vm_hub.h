@@ -18,6 +18,7 @@
 #include "console/vm_exposition.h"
 #include "console/vm_feed.h"
 #include "console/vm_history.h"
+#include "console/vm_renewal.h"
 #include "console/vm_requests.h"
 
 namespace vornmon {
@@ -134,7 +135,8 @@ class AgentLink {
     std::map<std::string, bool> firing_;  // rule name -> raised
     std::map<std::string, long> alerts_received_;
     std::vector<Rule> rules_;
-    std::chrono::steady_clock::time_point last_renew_, last_measurement_;
+    RenewalPace renewal_;  // the data thread's own
+    std::chrono::steady_clock::time_point last_measurement_;
     bool measured_in_connection_ = false;
 
     std::thread data_thread_, alert_thread_;

@@ -4,6 +4,7 @@
 #include "console/vm_history.h"
 #include "console/vm_hub.h"
 #include "console/vm_hub_feed.h"
+#include "console/vm_renewal.h"
 #include "test_util.h"
 
 using namespace vornmon_test;
@@ -131,6 +132,32 @@ TEST(Hub, HistoryKeepsTheLastCapacitySamples) {
 }
 
 // A reader that falls behind loses its stream; the side that pushes never waits.
+// Renewals come no faster than the pause; an agent whose header entries are full can name no
+// more processes, so each full header packet doubles the pause, up to an hour, and a header
+// packet with room sets it back.
+TEST(Hub, RenewalsSlowDownWhileTheAgentsHeaderIsFull) {
+    using std::chrono::seconds;
+    RenewalPace pace(seconds(60));
+    const auto t0 = RenewalPace::Clock::now();
+    EXPECT_TRUE(pace.due(t0));
+    EXPECT_FALSE(pace.due(t0 + seconds(59)));
+    EXPECT_TRUE(pace.due(t0 + seconds(60)));
+    const size_t full = 65536 - 10, room = 65536 - 17;
+    // lines of each header packet, the pause after it
+    for (auto [lines, pause] : {std::pair{full, 120}, {full, 240}, {room, 60}, {full, 120},
+                                {full, 240}, {full, 480}, {full, 960}, {full, 1920},
+                                {full, 3600}, {full, 3600}, {size_t{300}, 60}}) {
+        pace.header_arrived(lines);
+        EXPECT_EQ(pace.pause(), seconds(pause)) << lines;
+    }
+    pace.header_arrived(full);
+    EXPECT_FALSE(pace.due(t0 + seconds(60 + 119)));
+    EXPECT_TRUE(pace.due(t0 + seconds(60 + 120)));
+    RenewalPace slow(seconds(7200));  // a pause set longer than an hour is kept
+    slow.header_arrived(full);
+    EXPECT_EQ(slow.pause(), seconds(7200));
+}
+
 TEST(Hub, SubscriberQueuesAreBounded) {
     Subscriber s(2);
     auto e = std::make_shared<const std::string>("x");
