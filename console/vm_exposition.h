@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "console/vm_model.h"
@@ -30,6 +31,9 @@ struct ExposeOptions {
     bool per_pid = false;          // process series per pid instead of per name
     bool all_filesystems = false;  // keep pseudo file systems (no blocks, /proc, /sys, ...)
 };
+
+/// A label value as the text exposition escapes it: backslash, double quote and line end.
+std::string label_value(std::string_view v);
 
 /// The pseudo file systems left out by default.
 bool is_pseudo_filesystem(const std::string& mountpoint, double total_blocks);

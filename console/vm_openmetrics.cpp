@@ -15,6 +15,7 @@
 #include <cstring>
 #include <map>
 
+#include "console/vm_exposition.h"
 #include "console/vm_json.h"
 
 namespace vornmon {
@@ -69,21 +70,6 @@ std::string om_number(double v) {
     return shortest_number(v);
 }
 
-std::string escape_label(std::string_view v) {
-    std::string out;
-    for (char c : v) {
-        if (c == '\\')
-            out += "\\\\";
-        else if (c == '"')
-            out += "\\\"";
-        else if (c == '\n')
-            out += "\\n";
-        else
-            out += c;
-    }
-    return out;
-}
-
 std::string escape_help(std::string_view v) {
     std::string out;
     for (char c : v) {
@@ -97,7 +83,7 @@ std::string escape_help(std::string_view v) {
     return out;
 }
 
-struct Family {
+struct GaugeFamily {
     std::string unit;
     std::string help;
     std::vector<std::string> samples;
@@ -161,7 +147,7 @@ Exposure expose(const Metric& m) {
 
 std::string openmetrics_text(const Sample* sample, bool up) {
     std::vector<std::string> order;
-    std::map<std::string, Family> families;
+    std::map<std::string, GaugeFamily> families;
     std::map<long, std::string> users;
     if (sample) {
         for (const Reading& r : sample->readings)
@@ -177,9 +163,9 @@ std::string openmetrics_text(const Sample* sample, bool up) {
             }
             std::string labels;
             for (auto& [k, v] : e.labels)
-                labels += (labels.empty() ? "" : ",") + k + "=\"" + escape_label(v) + "\"";
+                labels += (labels.empty() ? "" : ",") + k + "=\"" + label_value(v) + "\"";
             auto [it, fresh] = families.try_emplace(e.family);
-            Family& f = it->second;
+            GaugeFamily& f = it->second;
             if (fresh) {
                 order.push_back(e.family);
                 f.unit = e.unit;
@@ -208,7 +194,7 @@ std::string openmetrics_text(const Sample* sample, bool up) {
         out += "vornmon_packet_number " + std::to_string(sample->packet) + "\n";
     }
     for (const std::string& name : order) {
-        const Family& f = families[name];
+        const GaugeFamily& f = families[name];
         out += "# TYPE " + name + " gauge\n";
         if (!f.unit.empty()) out += "# UNIT " + name + " " + f.unit + "\n";
         // An empty help text is refused by scrapers: fall back to the family's name.
