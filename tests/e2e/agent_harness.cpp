@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -105,17 +106,44 @@ std::string short_hostname() {
     return h.substr(0, 31);
 }
 
-int free_port() {
+namespace {
+
+// Whether a listener could bind the loopback port now.
+bool bindable(int port) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) return false;
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    int port = ntohs(addr.sin_port);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    bool ok = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
     close(fd);
-    return port;
+    return ok;
+}
+
+// The lowest port the kernel hands out to outgoing connections.
+int ephemeral_low() {
+    int low = 32768, high = 60999;
+    std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> low >> high;
+    return low;
+}
+
+}  // namespace
+
+// A port below the kernel's ephemeral range: a port the kernel chose for a listener would
+// be free again once that socket closes, and any connection made before the agent binds it
+// (the tests' own consoles, the hub's) could take it as its source port. The start varies
+// with the pid, so that test programs running side by side take different ports.
+int free_port() {
+    static const int high = std::max(ephemeral_low() - 1, 2048);
+    static const int low = std::max(high - 12000, 1024);
+    static int next = low + static_cast<int>(getpid()) % (high - low);
+    for (int tries = 0; tries < high - low; ++tries) {
+        const int port = next;
+        next = next >= high ? low : next + 1;
+        if (bindable(port)) return port;
+    }
+    return 0;
 }
 
 InstallRoot::InstallRoot() {
