@@ -181,13 +181,13 @@ const std::vector<Command> kCommands = {
     {"hub",
      "hub [--listen HOST:PORT] (--agent [NAME=]HOST:PORT ... | --agents FILE) [--rules FILE]\n"
      "           [--alert-interval S] [--interval N] [--history S] [--per-pid]\n"
-     "           [--all-filesystems] [--max-streams N] [--renew S]",
+     "           [--all-filesystems] [--max-streams N] [--renew S] [--web DIR]",
      "Holds one data connection per agent, reconnecting with growing pauses, and serves\n"
      "them to everybody: /metrics for Prometheus (OpenMetrics, an instance label per agent),\n"
      "/api/agents, /api/agents/NAME/latest, /api/agents/NAME/history?path=PATH,\n"
      "/api/agents/NAME/alerts, live streams /api/agents/NAME/stream (JSON samples) and\n"
-     "/api/agents/NAME/packets (what top, json and raw read with --hub). SIGHUP reads the\n"
-     "agents file again.\n"
+     "/api/agents/NAME/packets (what top, json and raw read with --hub), and the web\n"
+     "dashboard on /. SIGHUP reads the agents file again.\n"
      "  --listen HOST:PORT  address to serve on (default 127.0.0.1:9108)\n"
      "  --agent [NAME=]HOST:PORT  an agent to watch, named NAME (default HOST:PORT); repeat\n"
      "  --agents FILE   agents, one '[NAME=]HOST:PORT [RULES_FILE]' a line\n"
@@ -200,7 +200,9 @@ const std::vector<Command> kCommands = {
      "  --all-filesystems  keep pseudo file systems (no blocks; /proc, /sys, /dev, /run)\n"
      "  --max-streams N  live streams served at once (default 64)\n"
      "  --renew S       at least S seconds between two fresh header passes of an agent,\n"
-     "                  asked for when processes have no name yet (default 60)\n",
+     "                  asked for when processes have no name yet (default 60)\n"
+     "  --web DIR       the dashboard's page files (default: share/vornmon/web of the\n"
+     "                  install, or console/web of the source tree)\n",
      {{"--listen", true},
       {"--agent", true},
       {"--agents", true},
@@ -211,7 +213,8 @@ const std::vector<Command> kCommands = {
       {"--per-pid", false},
       {"--all-filesystems", false},
       {"--max-streams", true},
-      {"--renew", true}},
+      {"--renew", true},
+      {"--web", true}},
      0,
      0,
      cmd_hub},

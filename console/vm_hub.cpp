@@ -8,6 +8,7 @@
 #include <set>
 #include <sstream>
 
+#include "console/vm_dashboard.h"
 #include "console/vm_json.h"
 
 namespace vornmon {
@@ -216,7 +217,7 @@ void AgentLink::on_notice(const std::string& message, bool up) {
     status_.up = up;
     measured_in_connection_ = false;
     publish(StreamKind::kPackets, "notice", up ? "connected to " + status_.instance : message);
-    publish(StreamKind::kSamples, "status",
+    publish_json("status",
             "{\"agent\":" + json_quote(spec_.name) + ",\"up\":" + (up ? "true" : "false") +
                 ",\"message\":" + json_quote(message) + "}");
 }
@@ -261,9 +262,21 @@ void AgentLink::on_packet(FeedEvent& e) {
     status_.history = history_.size();
     ++status_.samples;
     latest_ = std::make_shared<const Sample>(std::move(e.sample));
-    bool json_readers = std::any_of(subscribers_.begin(), subscribers_.end(),
-                                    [](auto& s) { return s.first == StreamKind::kSamples; });
-    if (json_readers) publish(StreamKind::kSamples, "sample", latest_json_locked());
+    if (has_readers(StreamKind::kSamples))
+        publish(StreamKind::kSamples, "sample", latest_json_locked());
+    if (has_readers(StreamKind::kDashboard))
+        publish(StreamKind::kDashboard, "sample",
+                compact_sample_json(spec_.name, *latest_, status_.last_sample_ms));
+}
+
+bool AgentLink::has_readers(StreamKind kind) const {
+    return std::any_of(subscribers_.begin(), subscribers_.end(),
+                       [kind](auto& s) { return s.first == kind; });
+}
+
+void AgentLink::publish_json(const std::string& event, const std::string& data) {
+    publish(StreamKind::kSamples, event, data);
+    publish(StreamKind::kDashboard, event, data);
 }
 
 std::string AgentLink::latest_json_locked() const {
@@ -316,7 +329,10 @@ std::shared_ptr<Subscriber> AgentLink::subscribe(StreamKind kind) {
                 s->push(std::make_shared<const std::string>(
                     sse_event("alert", alert_line(r->alert))));
     } else if (latest_) {
-        s->push(std::make_shared<const std::string>(sse_event("sample", latest_json_locked())));
+        std::string json = kind == StreamKind::kDashboard
+                               ? compact_sample_json(spec_.name, *latest_, status_.last_sample_ms)
+                               : latest_json_locked();
+        s->push(std::make_shared<const std::string>(sse_event("sample", json)));
     }
     subscribers_.emplace_back(kind, s);
     return s;
@@ -348,6 +364,23 @@ std::vector<std::string> AgentLink::history_paths() const {
 std::vector<AlertRecord> AgentLink::alerts() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return alerts_;
+}
+
+std::shared_ptr<const Sample> AgentLink::latest() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return latest_;
+}
+
+std::vector<Rule> AgentLink::rules() const {
+    return rules_;  // read once when the link is made, never changed after
+}
+
+std::set<std::string> AgentLink::firing() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::set<std::string> names;
+    for (auto& [name, raised] : firing_)
+        if (raised) names.insert(name);
+    return names;
 }
 
 AgentSeries AgentLink::series() const {
@@ -448,7 +481,7 @@ void AgentLink::fetch_alerts() {
         std::string json = "{\"agent\":" + json_quote(spec_.name) +
                            ",\"raised\":" + (raised ? "true" : "false") +
                            ",\"alert\":" + alert_json(a) + "}";
-        publish(StreamKind::kSamples, "alert", json);
+        publish_json("alert", json);
         publish(StreamKind::kPackets, raised ? "alert" : "cleared", alert_line(a));
         alerts_.push_back({std::move(a), unix_ms_now(), raised});
     }

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -83,7 +84,9 @@ struct AlertRecord {
     bool raised = true;
 };
 
-enum class StreamKind { kSamples, kPackets };
+// kSamples: measurements as full JSON; kPackets: the agent's packets as they came;
+// kDashboard: measurements in the web page's compact form (vm_dashboard.h).
+enum class StreamKind { kSamples, kPackets, kDashboard };
 
 class AgentLink {
   public:
@@ -99,6 +102,11 @@ class AgentLink {
     std::vector<History::Point> history(const std::string& path) const;
     std::vector<std::string> history_paths() const;
     std::vector<AlertRecord> alerts() const;
+    /// The latest measurement; null before the first.
+    std::shared_ptr<const Sample> latest() const;
+    /// The rules read for this agent, and the names of those an alert has raised.
+    std::vector<Rule> rules() const;
+    std::set<std::string> firing() const;
     AgentSeries series() const;
     /// A live stream; packet streams start with the definitions in force and the latest
     /// measurement, so a reader joining late can decode what follows.
@@ -111,6 +119,9 @@ class AgentLink {
     void on_packet(FeedEvent& e);
     void on_notice(const std::string& message, bool up);
     void publish(StreamKind kind, const std::string& event, const std::string& data);
+    /// Status and alert events go to both kinds of JSON readers.
+    void publish_json(const std::string& event, const std::string& data);
+    bool has_readers(StreamKind kind) const;
     std::string latest_json_locked() const;
     void maybe_renew(AgentFeed& feed, const Sample& sample);
     bool send_rules();

@@ -80,12 +80,27 @@ bool hub_options(const Context& ctx, const Parsed& p, HubOptions& o, HttpOptions
     o.expose.per_pid = p.has("--per-pid");
     o.expose.all_filesystems = p.has("--all-filesystems");
     h.max_streams = static_cast<std::size_t>(streams);
+    h.web = find_web_files(p.value("--web"), program_directory());
     std::string err;
     if (p.has("--listen") && !parse_host_port(p.value("--listen"), h.listen, err)) {
         status = ctx.fail("--listen: " + err, kExitUsage);
         return false;
     }
     return true;
+}
+
+// Says where the dashboard comes from, or that it is missing and where it was looked for.
+void log_web_files(const Context& ctx, const WebFiles& web) {
+    if (!web.root.empty()) {
+        std::fprintf(ctx.err, "vornmon hub: dashboard page files from %s\n", web.root.c_str());
+        return;
+    }
+    std::string places;
+    for (const std::string& place : web.looked_in) places += (places.empty() ? "" : ", ") + place;
+    std::fprintf(ctx.err,
+                 "vornmon hub: no dashboard page files (looked in %s); / says so, give --web "
+                 "DIR\n",
+                 places.empty() ? "no place" : places.c_str());
 }
 
 }  // namespace
@@ -119,6 +134,7 @@ int cmd_hub(const Context& ctx, const Parsed& p) {
         hub.set_agents(agents);
         std::fprintf(ctx.err, "vornmon hub: serving http://%s/ for %zu agent(s)\n",
                      Endpoint{http.listen.host, server.port()}.text().c_str(), agents.size());
+        log_web_files(ctx, http.web);
         std::fflush(ctx.err);
         std::thread serving([&] { server.serve(); });
         for (int sig = 0; sig != SIGINT && sig != SIGTERM;) {

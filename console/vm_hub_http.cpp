@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "console/vm_hub_web.h"
 #include "console/vm_json.h"
 
 namespace vornmon {
@@ -142,6 +143,14 @@ void HubServer::Impl::routes() {
                [this](const httplib::Request& req, httplib::Response& res) {
                    auto a = agent(req, res);
                    if (!a) return;
+                   if (req.has_param("prefix")) {
+                       std::vector<std::string> prefixes;
+                       for (std::size_t i = 0; i < req.get_param_value_count("prefix") &&
+                                               i < kMaxHistoryPrefixes;
+                            ++i)
+                           prefixes.push_back(req.get_param_value("prefix", i));
+                       return res.set_content(history_series_json(*a, prefixes), kJsonType);
+                   }
                    if (!req.has_param("path"))
                        return res.set_content(paths_json(a->history_paths()), kJsonType);
                    std::string path = req.get_param_value("path");
@@ -154,12 +163,14 @@ void HubServer::Impl::routes() {
                });
     server.Get(R"(/api/agents/([^/]+)/stream)",
                [this](const httplib::Request& req, httplib::Response& res) {
-                   stream(req, res, StreamKind::kSamples);
+                   bool compact = req.get_param_value("format") == "compact";
+                   stream(req, res, compact ? StreamKind::kDashboard : StreamKind::kSamples);
                });
     server.Get(R"(/api/agents/([^/]+)/packets)",
                [this](const httplib::Request& req, httplib::Response& res) {
                    stream(req, res, StreamKind::kPackets);
                });
+    add_dashboard_routes(server, hub, options.web);
 }
 
 HubServer::HubServer(Hub& hub, HttpOptions options)

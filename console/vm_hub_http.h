@@ -7,6 +7,7 @@
 #include <string>
 
 #include "console/vm_hub.h"
+#include "console/vm_web.h"
 
 namespace vornmon {
 
@@ -14,6 +15,7 @@ struct HttpOptions {
     Endpoint listen{"127.0.0.1", 9108};
     std::size_t max_streams = 64;  // open live streams; more are refused with 503
     int io_timeout_s = 5;          // reading a request, writing to a reader that stalls
+    WebFiles web;                  // the dashboard's page files (none: / says so)
 };
 
 class HubServer {
