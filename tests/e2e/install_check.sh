@@ -28,6 +28,17 @@ grep -Eq "^d +$prefix/logs +0750 vornrta vornrta " "$tmpfiles" || fail "logs/ is
 grep -Eq "^d +$prefix/tmp +0755 vornrta vornrta " "$tmpfiles" || fail "tmp/ is not given to the account"
 if grep -q '/opt/quorbex\|@VORN_ROOT@' "$unit" "$tmpfiles"; then fail "another root is named"; fi
 
+# The hub's page comes with the console, and the installed hub finds it beside its bin/.
+for page in index.html agent.html app.css vendor/chart.min.js; do
+  [ -f "$prefix/share/vornmon/web/$page" ] || fail "no $page in $prefix/share/vornmon/web"
+done
+"$prefix/bin/vornmon" hub --listen 127.0.0.1:0 --agent x=127.0.0.1:1 >"$work/hub.out" 2>&1 &
+hub=$!
+for _ in $(seq 50); do grep -q "dashboard page files" "$work/hub.out" && break; sleep 0.1; done
+kill "$hub"; wait "$hub" || true
+grep -q "dashboard page files from $(cd "$prefix/share/vornmon/web" && pwd -P)" "$work/hub.out" ||
+  fail "the installed hub does not find its page: $(cat "$work/hub.out")"
+
 if command -v systemd-analyze >/dev/null; then
   rating=$(systemd-analyze security --offline=yes "$unit" 2>&1 | sed -n 's/.*Overall exposure level for .*: \([0-9.]*\) .*/\1/p')
   [ -n "$rating" ] || fail "systemd-analyze gave no rating"
