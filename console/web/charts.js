@@ -95,8 +95,8 @@ const vornCharts = (() => {
   // Axis ticks: whole percents, other units as the tooltips show them.
   const tickFormat = unit => unit === "pct" ? v => v.toFixed(0) + "%" : formats[unit] || vorn.count;
 
-  function options(spec, small) {
-    const fmt = formats[spec.unit] || vorn.count;
+  function options(def, small) {
+    const fmt = formats[def.unit] || vorn.count;
     return {
       animation: false,
       responsive: true,
@@ -111,8 +111,8 @@ const vornCharts = (() => {
       scales: {
         x: { type: "linear", display: !small, grid: { display: false }, afterBuildTicks: timeTicks,
              ticks: { maxRotation: 0, autoSkip: false, callback: timeTick } },
-        y: { stacked: !!spec.stacked, beginAtZero: true, max: spec.max,
-             ticks: { maxTicksLimit: small ? 3 : 5, callback: tickFormat(spec.unit) } },
+        y: { stacked: !!def.stacked, beginAtZero: true, max: def.max,
+             ticks: { maxTicksLimit: small ? 3 : 5, callback: tickFormat(def.unit) } },
       },
     };
   }
@@ -124,22 +124,22 @@ const vornCharts = (() => {
              fill: line.fill ? (i === 0 ? "origin" : "-1") : false };
   }
 
-  // One chart over the store; `spec.lines(store)` gives its lines as {label, data, color, fill}.
+  // One chart over the store; `def.lines(store)` gives its lines as {label, data, color, fill}.
   class StoreChart {
-    constructor(canvas, spec, store, small) {
-      this.spec = spec;
+    constructor(canvas, def, store, small) {
+      this.def = def;
       this.store = store;
       this.canvas = canvas;
-      canvas.dataset.chart = spec.id;
+      canvas.dataset.chart = def.id;
       canvas.dataset.points = 0;
       this.chart = window.Chart
-        ? new Chart(canvas, { type: "line", data: { datasets: [] }, options: options(spec, small) })
+        ? new Chart(canvas, { type: "line", data: { datasets: [] }, options: options(def, small) })
         : null;
     }
 
     // Redraws from the store; returns the datasets drawn, for a legend.
     update() {
-      const lines = this.spec.lines(this.store);
+      const lines = this.def.lines(this.store);
       if (!this.chart) return lines.map(datasetStyle);
       const datasets = this.chart.data.datasets;
       lines.forEach((line, i) => {
@@ -168,7 +168,7 @@ const vornCharts = (() => {
   };
 
   // The charts of the agent page, in the order they are laid out.
-  const specs = [
+  const layout = [
     { id: "cpu", title: "CPU by mode", unit: "pct", stacked: true, max: 100,
       lines: s => modeLines(s, "Cpu-> Mode Averages->", ""),
       now: s => vorn.pct(s.last("Cpu->Average Utilization")) },
@@ -222,17 +222,17 @@ const vornCharts = (() => {
 
   // Builds every chart panel into `grid`; returns the charts to update.
   function build(grid, store) {
-    return specs.map(spec => {
+    return layout.map(def => {
       const now = vorn.el("span", { class: "now" });
       const keys = vorn.el("span", { class: "keys" });
       const canvas = vorn.el("canvas");
       grid.append(vorn.el("section", { class: "panel" },
-        vorn.el("h2", {}, spec.title, keys, now), vorn.el("div", { class: "chart" }, canvas)));
-      const chart = new StoreChart(canvas, spec, store, false);
+        vorn.el("h2", {}, def.title, keys, now), vorn.el("div", { class: "chart" }, canvas)));
+      const chart = new StoreChart(canvas, def, store, false);
       return {
         update() {
           legend(keys, chart.update());
-          if (spec.now) now.textContent = spec.now(store);
+          if (def.now) now.textContent = def.now(store);
         },
       };
     });
@@ -260,9 +260,9 @@ const vornCharts = (() => {
       const canvas = vorn.el("canvas");
       this.box.append(vorn.el("div", { class: "cell" }, vorn.el("h3", {}, "cpu " + n, now),
         vorn.el("div", { class: "chart small" }, canvas)));
-      const spec = { id: "cpu-" + n, unit: "pct", stacked: true, max: 100,
+      const def = { id: "cpu-" + n, unit: "pct", stacked: true, max: 100,
                      lines: s => modeLines(s, "Cpu-> " + n + "->", " ") };
-      return { now, chart: new StoreChart(canvas, spec, this.store, true) };
+      return { now, chart: new StoreChart(canvas, def, this.store, true) };
     }
   }
 
