@@ -16,7 +16,14 @@ namespace {
 
 using std::to_string;
 
-constexpr const char* kSleeperName = "vmdashsleeper";
+// A name no other process has, even when this test runs twice at once on one machine: both
+// runs' agents see every process of the host.
+// Five digits always, so that no run's name holds another's.
+const std::string kSleeperName = [] {
+    char name[16];
+    std::snprintf(name, sizeof name, "vmdash%05d", static_cast<int>(getpid() % 100000));
+    return std::string(name);
+}();
 
 // Processor count and memory size as the agent's latest measurement states them.
 struct AgentFacts {
@@ -153,7 +160,7 @@ TEST_F(DashboardBrowser, PagesShowTheAgentsFiguresChartsProcessesAndAlerts) {
 
     // One agent: live charts with points, the filter given in the address finding the
     // test's process, and the provoked alert raised.
-    ASSERT_TRUE(browser.navigate(url("agent.html?agent=alpha#filter=") + kSleeperName, err)) << err;
+    ASSERT_TRUE(browser.navigate(url("agent.html?agent=alpha#filter=" + kSleeperName), err)) << err;
     std::string charts = "[...document.querySelectorAll('canvas[data-chart]')]";
     ASSERT_TRUE(browser.wait_for(
         "Number(document.body.dataset.samples) >= 3 && " + charts + ".length > 0 && " + charts +
