@@ -30,6 +30,10 @@ const vornTables = (() => {
       this.input = root.querySelector("input[type=search]");
       this.input.value = this.filter;
       this.input.addEventListener("input", () => { this.filter = this.input.value; this.render(); });
+      // "/" jumps to the filter, as in a terminal's process viewer.
+      document.addEventListener("keydown", e => {
+        if (e.key === "/" && document.activeElement !== this.input) { e.preventDefault(); this.input.focus(); }
+      });
       this.head();
     }
 

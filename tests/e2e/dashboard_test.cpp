@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <memory>
 #include <regex>
+#include <set>
 
 #include "browser_support.h"
 #include "hub_support.h"
@@ -34,12 +35,12 @@ struct AgentFacts {
 
 AgentFacts facts_from_latest(const std::string& latest) {
     AgentFacts f;
+    std::set<std::string> processors;
+    std::regex total("\"path\":\"Cpu-> (\\d+)->Total\"");
+    for (std::sregex_iterator i(latest.begin(), latest.end(), total), end; i != end; ++i)
+        processors.insert((*i)[1]);
+    f.processors = static_cast<int>(processors.size());
     std::smatch m;
-    std::string rest = latest;
-    while (std::regex_search(rest, m, std::regex("\"path\":\"Cpu-> (\\d+)->Total\""))) {
-        ++f.processors;
-        rest = m.suffix();
-    }
     if (std::regex_search(
             latest, m,
             std::regex("\"path\":\"Memory-> System Memory \\(MB\\)\"[^}]*\"value\":\"(\\d+)\"")))
