@@ -292,3 +292,45 @@ TEST(DashboardFiles, MissingPageIsExplained) {
     EXPECT_NE(h.hub->output().find("no dashboard page files (looked in "), std::string::npos)
         << h.hub->output();
 }
+
+// The first data packet of a connection covers no interval: the page's stream never carries
+// it as a measurement, and goes on with measurements once a restarted agent is back.
+TEST(DashboardStream, FirstDataPacketOfAConnectionIsNeverASample) {
+    e2e::InstallRoot root;
+    int port = e2e::free_port(), http = e2e::free_port();
+    const std::vector<std::string> args = {"-nofork", "-port", to_string(port), "-scan", "1"};
+    auto agent = std::make_unique<e2e::Agent>(root, args);
+    ASSERT_TRUE(agent->wait_listening(port)) << agent->err();
+    e2e::Child hub({e2e::vornmon_binary(), "hub", "--listen", "127.0.0.1:" + to_string(http),
+                    "--interval", "1", "--agent", "a=127.0.0.1:" + to_string(port)},
+                   root.path + "/hub.out");
+    ASSERT_TRUE(e2e::eventually(30, [&] {
+        return e2e::http_get(http, "/api/agents/a").find("\"up\":true") != std::string::npos;
+    })) << hub.output();
+    e2e::Client packets(http), page(http);
+    ASSERT_TRUE(packets.send("GET /api/agents/a/packets HTTP/1.0\r\n\r\n"));
+    ASSERT_TRUE(page.send("GET /api/agents/a/stream?format=compact HTTP/1.0\r\n\r\n"));
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    EXPECT_EQ(agent->stop(), 0);
+    agent = std::make_unique<e2e::Agent>(root, args);
+    ASSERT_TRUE(agent->wait_listening(port)) << agent->err();
+
+    std::string raw = packets.read_to_end(6000);
+    std::string compact = page.read_to_end(500);
+    std::set<std::pair<std::string, std::string>> firsts;  // packet number and time
+    std::regex first(
+        "event: first\n(?:data: [^\n]*\n)*?data: <PACKET>\ndata: (\\d+)\ndata: </PACKET>\n"
+        "data: <TIME>\ndata: ([^\n]*)\n");
+    for (std::sregex_iterator i(raw.begin(), raw.end(), first), end; i != end; ++i)
+        firsts.insert({(*i)[1], (*i)[2]});
+    ASSERT_FALSE(firsts.empty()) << "the restarted agent's connection began with a first packet";
+    std::regex sample(
+        "event: sample\ndata: \\{\"agent\":\"a\",\"packet\":(\\d+),\"time\":\"([^\"]*)\"");
+    int samples = 0;
+    for (std::sregex_iterator i(compact.begin(), compact.end(), sample), end; i != end; ++i) {
+        ++samples;
+        EXPECT_EQ(firsts.count({(*i)[1], (*i)[2]}), 0u)
+            << "packet " << (*i)[1] << " of " << (*i)[2] << " covers no interval";
+    }
+    EXPECT_GE(samples, 4) << compact.substr(0, 2000);
+}
