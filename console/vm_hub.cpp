@@ -26,22 +26,6 @@ std::int64_t unix_ms_now() {
         .count();
 }
 
-// "event: <name>" and one "data:" line per line of `data`, as server-sent events carry them;
-// a reader joins the data lines with line feeds to get `data` back.
-std::string sse_event(const std::string& name, const std::string& data) {
-    std::string out = "event: " + name + "\n";
-    out.reserve(data.size() + data.size() / 16 + 32);
-    std::size_t start = 0;
-    for (;;) {
-        std::size_t nl = data.find('\n', start);
-        out += "data: ";
-        out.append(data, start, nl == std::string::npos ? std::string::npos : nl - start);
-        out += '\n';
-        if (nl == std::string::npos) break;
-        start = nl + 1;
-    }
-    return out + "\n";
-}
 
 bool read_file(const std::string& path, std::string& text, std::string& err) {
     std::ifstream f(path, std::ios::binary);
@@ -62,6 +46,21 @@ void nap(const std::atomic<bool>& stop, int ms) {
 }
 
 }  // namespace
+
+std::string sse_event(const std::string& name, const std::string& data) {
+    std::string out = "event: " + name + "\n";
+    out.reserve(data.size() + data.size() / 16 + 32);
+    std::size_t start = 0;
+    for (;;) {
+        std::size_t nl = data.find('\n', start);
+        out += "data: ";
+        out.append(data, start, nl == std::string::npos ? std::string::npos : nl - start);
+        out += '\n';
+        if (nl == std::string::npos) break;
+        start = nl + 1;
+    }
+    return out + "\n";
+}
 
 bool parse_agent_spec(std::string_view text, AgentSpec& out, std::string& err) {
     out = AgentSpec{};

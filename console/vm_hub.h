@@ -47,6 +47,10 @@ struct HubOptions {
     std::size_t queue_events = 256;  // events a stream reader may fall behind before it is dropped
 };
 
+/// "event: <name>" and one "data:" line per line of `data`, as server-sent events carry them;
+/// a reader joins the data lines with line feeds to get `data` back.
+std::string sse_event(const std::string& name, const std::string& data);
+
 /// The queue of one live-stream reader. The agent side never waits on it: when the reader
 /// falls too far behind, the queue is closed and the reader's stream ends.
 class Subscriber {

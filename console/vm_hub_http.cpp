@@ -3,6 +3,9 @@
 #include <httplib.h>
 
 #include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
 
 #include "console/vm_hub_web.h"
 #include "console/vm_json.h"
@@ -72,7 +75,9 @@ struct HubServer::Impl {
 
     Impl(Hub& h, HttpOptions o) : hub(h), options(std::move(o)) {}
     void routes();
+    bool take_stream(httplib::Response& res);
     void stream(const httplib::Request& req, httplib::Response& res, StreamKind kind);
+    void fleet_stream(httplib::Response& res);
     std::shared_ptr<AgentLink> agent(const httplib::Request& req, httplib::Response& res);
 };
 
@@ -83,18 +88,21 @@ std::shared_ptr<AgentLink> HubServer::Impl::agent(const httplib::Request& req,
     return a;
 }
 
+// Counts a live stream in, or answers 503 when as many are open as allowed.
+bool HubServer::Impl::take_stream(httplib::Response& res) {
+    if (streams.fetch_add(1) < options.max_streams) return true;
+    streams.fetch_sub(1);
+    res.status = 503;
+    res.set_content("{\"error\":\"too many live streams\"}", kJsonType);
+    return false;
+}
+
 // A live stream: the provider runs on the reader's own server thread and waits on the
 // reader's queue, so a reader that stops reading holds only itself up; a write that cannot
 // go out within the I/O timeout ends its stream.
 void HubServer::Impl::stream(const httplib::Request& req, httplib::Response& res, StreamKind kind) {
     auto a = agent(req, res);
-    if (!a) return;
-    if (streams.fetch_add(1) >= options.max_streams) {
-        streams.fetch_sub(1);
-        res.status = 503;
-        res.set_content("{\"error\":\"too many live streams\"}", kJsonType);
-        return;
-    }
+    if (!a || !take_stream(res)) return;
     auto sub = a->subscribe(kind);
     std::weak_ptr<AgentLink> weak = a;
     res.set_header("Cache-Control", "no-store");
@@ -112,6 +120,30 @@ void HubServer::Impl::stream(const httplib::Request& req, httplib::Response& res
             if (auto link = weak.lock()) link->unsubscribe(sub);
             streams.fetch_sub(1);
         });
+}
+
+// The fleet page's live stream: the fleet summary at once, then again whenever it changed,
+// looked at once a second. One stream serves a viewer however many agents there are.
+void HubServer::Impl::fleet_stream(httplib::Response& res) {
+    if (!take_stream(res)) return;
+    auto sent = std::make_shared<std::string>();
+    res.set_header("Cache-Control", "no-store");
+    res.set_chunked_content_provider(
+        "text/event-stream",
+        [this, sent](std::size_t, httplib::DataSink& sink) {
+            for (int waited = 0; !sent->empty() && waited < 1000 && !stopping; waited += 100)
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            if (stopping) return false;
+            std::string fleet = fleet_json(hub);
+            if (fleet == *sent) {
+                static const std::string keep_alive = ": idle\n\n";
+                return sink.write(keep_alive.data(), keep_alive.size());
+            }
+            *sent = fleet;
+            std::string event = sse_event("fleet", fleet);
+            return sink.write(event.data(), event.size());
+        },
+        [this](bool) { streams.fetch_sub(1); });
 }
 
 void HubServer::Impl::routes() {
@@ -170,6 +202,9 @@ void HubServer::Impl::routes() {
                [this](const httplib::Request& req, httplib::Response& res) {
                    stream(req, res, StreamKind::kPackets);
                });
+    server.Get("/api/fleet/stream", [this](const httplib::Request&, httplib::Response& res) {
+        fleet_stream(res);
+    });
     add_dashboard_routes(server, hub, options.web);
 }
 

@@ -50,25 +50,6 @@ std::string rules_json(const AgentLink& agent) {
     return out + "],\"last_error\":" + json_quote(agent.status().last_error) + "}";
 }
 
-std::string fleet_json(const Hub& hub) {
-    const HubOptions& o = hub.options();
-    std::string out = "{\"interval\":" + std::to_string(o.interval) +
-                      ",\"history_s\":" + std::to_string(o.history_s) + ",\"agents\":[";
-    bool first = true;
-    for (const auto& a : hub.agents()) {
-        auto latest = a->latest();
-        std::vector<History::Point> points = a->history("Cpu->Average Utilization");
-        std::vector<double> recent;
-        for (std::size_t i = points.size() > kFleetSparkline ? points.size() - kFleetSparkline : 0;
-             i < points.size(); ++i)
-            recent.push_back(points[i].value);
-        out += (first ? "" : ",") + fleet_row_json(a->status(), latest.get(), recent,
-                                                   static_cast<int>(a->rules().size()),
-                                                   static_cast<int>(a->firing().size()));
-        first = false;
-    }
-    return out + "]}";
-}
 
 // What / says when the page files are missing: the API still works, and how to fix it.
 std::string missing_page(const WebFiles& web) {
@@ -103,6 +84,26 @@ void serve_page_file(const WebFiles& web, const httplib::Request& req, httplib::
 }
 
 }  // namespace
+
+std::string fleet_json(const Hub& hub) {
+    const HubOptions& o = hub.options();
+    std::string out = "{\"interval\":" + std::to_string(o.interval) +
+                      ",\"history_s\":" + std::to_string(o.history_s) + ",\"agents\":[";
+    bool first = true;
+    for (const auto& a : hub.agents()) {
+        auto latest = a->latest();
+        std::vector<History::Point> points = a->history("Cpu->Average Utilization");
+        std::vector<double> recent;
+        for (std::size_t i = points.size() > kFleetSparkline ? points.size() - kFleetSparkline : 0;
+             i < points.size(); ++i)
+            recent.push_back(points[i].value);
+        out += (first ? "" : ",") + fleet_row_json(a->status(), latest.get(), recent,
+                                                   static_cast<int>(a->rules().size()),
+                                                   static_cast<int>(a->firing().size()));
+        first = false;
+    }
+    return out + "]}";
+}
 
 std::string history_series_json(const AgentLink& agent, const std::vector<std::string>& prefixes) {
     std::string out = "{\"series\":[";

@@ -24,6 +24,9 @@ inline constexpr std::size_t kMaxHistorySeries = 1024;
 /// starts with one of `prefixes`, in path order.
 std::string history_series_json(const AgentLink& agent, const std::vector<std::string>& prefixes);
 
+/// One summary row per agent for the fleet page, with the hub's interval and history span.
+std::string fleet_json(const Hub& hub);
+
 /// Registers the dashboard's routes; the page files come last, so every API path wins.
 void add_dashboard_routes(httplib::Server& server, Hub& hub, const WebFiles& web);
 

@@ -1,10 +1,9 @@
-// The fleet page: one row per agent the hub watches, refreshed every scan interval from
-// /api/fleet (one request for the whole fleet, however many agents).
+// The fleet page: one row per agent the hub watches, kept up to date by the hub's fleet
+// stream (one stream for the whole fleet, however many agents).
 "use strict";
 
 (() => {
   const { el, meter, pct, count, bytes, byteRate, age, fillClass } = vorn;
-  let period = 2000;
 
   // The last minutes of processor utilisation as a line, 0 to 100 %.
   function sparkline(values) {
@@ -83,21 +82,20 @@
       el("span", {}, el("strong", { style: firing ? "color:var(--bad)" : "" }, String(firing)), "rules firing"));
   }
 
-  async function refresh() {
-    try {
-      const fleet = await vorn.getJson("api/fleet");
-      period = Math.max(1, fleet.interval) * 1000;
-      document.querySelector("#fleet tbody").replaceChildren(...fleet.agents.map(row));
-      counts(fleet.agents);
-      document.getElementById("notice").textContent = "";
-      document.getElementById("updated").textContent = "updated " + vorn.clock(Date.now());
-      document.body.dataset.state = "live";
-    } catch (e) {
-      document.getElementById("notice").textContent = "The hub does not answer: " + e.message;
-      document.body.dataset.state = "error";
-    }
-    setTimeout(refresh, period);
+  function show(fleet) {
+    document.querySelector("#fleet tbody").replaceChildren(...fleet.agents.map(row));
+    counts(fleet.agents);
+    document.getElementById("notice").textContent = "";
+    document.getElementById("updated").textContent = "updated " + vorn.clock(Date.now());
+    document.body.dataset.state = "live";
   }
 
-  refresh();
+  // The browser reconnects a lost stream by itself; the hub sends the whole fleet first.
+  const source = new EventSource("api/fleet/stream");
+  source.addEventListener("fleet", e => show(JSON.parse(e.data)));
+  source.onerror = () => {
+    document.getElementById("notice").textContent =
+      "The hub's live stream was lost; the browser is reconnecting.";
+    document.body.dataset.state = "error";
+  };
 })();

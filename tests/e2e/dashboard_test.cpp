@@ -307,9 +307,10 @@ TEST(DashboardStream, FirstDataPacketOfAConnectionIsNeverASample) {
     ASSERT_TRUE(e2e::eventually(30, [&] {
         return e2e::http_get(http, "/api/agents/a").find("\"up\":true") != std::string::npos;
     })) << hub.output();
-    e2e::Client packets(http), page(http);
+    e2e::Client packets(http), page(http), fleet(http);
     ASSERT_TRUE(packets.send("GET /api/agents/a/packets HTTP/1.0\r\n\r\n"));
     ASSERT_TRUE(page.send("GET /api/agents/a/stream?format=compact HTTP/1.0\r\n\r\n"));
+    ASSERT_TRUE(fleet.send("GET /api/fleet/stream HTTP/1.0\r\n\r\n"));
     std::this_thread::sleep_for(std::chrono::seconds(2));
     EXPECT_EQ(agent->stop(), 0);
     agent = std::make_unique<e2e::Agent>(root, args);
@@ -317,6 +318,15 @@ TEST(DashboardStream, FirstDataPacketOfAConnectionIsNeverASample) {
 
     std::string raw = packets.read_to_end(6000);
     std::string compact = page.read_to_end(500);
+    // The fleet page's stream: the whole fleet at once, then again as the agent measures and
+    // comes back.
+    std::string fleet_events = fleet.read_to_end(500);
+    std::regex fleet_event("event: fleet\ndata: \\{\"interval\":1,[^\n]*\"name\":\"a\"");
+    EXPECT_GE(std::distance(std::sregex_iterator(fleet_events.begin(), fleet_events.end(),
+                                                 fleet_event),
+                            std::sregex_iterator()),
+              3)
+        << fleet_events.substr(0, 2000);
     std::set<std::pair<std::string, std::string>> firsts;  // packet number and time
     std::regex first(
         "event: first\n(?:data: [^\n]*\n)*?data: <PACKET>\ndata: (\\d+)\ndata: </PACKET>\n"
