@@ -70,12 +70,9 @@ void keep_screenshot(e2e::Browser& browser, const std::string& name) {
                                    std::filesystem::copy_options::overwrite_existing);
 }
 
-struct DashboardBrowser : ::testing::Test {
+struct DashboardBrowser : e2e::TwoAgentsAndAHub {
     std::string chromium = e2e::chromium_binary();
-    e2e::InstallRoot root_a, root_b;
-    int port_a = e2e::free_port(), port_b = e2e::free_port(), http = e2e::free_port();
-    std::unique_ptr<e2e::Child> sleeper, hub;
-    std::unique_ptr<e2e::Agent> a, b;
+    std::unique_ptr<e2e::Child> sleeper;
 
     void SetUp() override {
         if (chromium.empty())
@@ -86,30 +83,15 @@ struct DashboardBrowser : ::testing::Test {
         std::filesystem::copy_file("/bin/sleep", sleeper_path);
         sleeper = std::make_unique<e2e::Child>(std::vector<std::string>{sleeper_path, "300"},
                                                root_b.path + "/sleeper.out");
-        for (auto [agent, root, port] : {std::tuple{&a, &root_a, port_a}, {&b, &root_b, port_b}}) {
-            *agent = std::make_unique<e2e::Agent>(
-                *root, std::vector<std::string>{"-nofork", "-port", to_string(port), "-scan", "1",
-                                                "-collectprocess"});
-            ASSERT_TRUE((*agent)->wait_listening(port)) << (*agent)->err();
-        }
+        start_agents();
+        if (HasFatalFailure()) return;
         // A rule that holds from the first check: the alert the page must show.
         std::ofstream(root_a.path + "/rules") << "always:Cpu->Average Utilization:>=:0:0:0:"
                                                  "provoked by the dashboard test\n";
-        hub = std::make_unique<e2e::Child>(
-            std::vector<std::string>{e2e::vornmon_binary(), "hub", "--listen",
-                                     "127.0.0.1:" + to_string(http), "--interval", "1",
-                                     "--alert-interval", "2", "--rules", root_a.path + "/rules",
-                                     "--agent", "alpha=127.0.0.1:" + to_string(port_a), "--agent",
-                                     "beta=127.0.0.1:" + to_string(port_b), "--web",
-                                     std::string(VORN_SOURCE_DIR) + "/console/web"},
-            root_a.path + "/hub.out");
-    }
-    void TearDown() override {
-        hub.reset();
-        for (auto* agent : {&a, &b})
-            if (*agent) {
-                EXPECT_EQ((*agent)->stop(), 0) << (*agent)->err();
-            }
+        start_hub({"--interval", "1", "--alert-interval", "2", "--rules", root_a.path + "/rules",
+                   "--agent", "alpha=127.0.0.1:" + to_string(port_a), "--agent",
+                   "beta=127.0.0.1:" + to_string(port_b), "--web",
+                   std::string(VORN_SOURCE_DIR) + "/console/web"});
     }
     std::string get(const std::string& target) { return e2e::http_get(http, target); }
     std::string url(const std::string& page) {

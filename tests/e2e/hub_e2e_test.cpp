@@ -21,36 +21,16 @@ using std::to_string;
     return ::testing::AssertionFailure() << "no '" << part << "' in:\n" << text.substr(0, 3000);
 }
 
-struct HubE2e : ::testing::Test {
-    e2e::InstallRoot root_a, root_b;
-    int port_a = e2e::free_port(), port_b = e2e::free_port(), http = e2e::free_port();
-    std::unique_ptr<e2e::Agent> a, b;
-    std::unique_ptr<e2e::Child> hub;
-
+struct HubE2e : e2e::TwoAgentsAndAHub {
     void SetUp() override {
-        for (auto [agent, root, port] : {std::tuple{&a, &root_a, port_a}, {&b, &root_b, port_b}}) {
-            *agent = std::make_unique<e2e::Agent>(
-                *root, std::vector<std::string>{"-nofork", "-port", to_string(port), "-scan", "1",
-                                                "-collectprocess"});
-            ASSERT_TRUE((*agent)->wait_listening(port)) << (*agent)->err();
-        }
+        start_agents();
+        if (HasFatalFailure()) return;
         // Agent a has a rule that always holds; b has none.
         std::ofstream(root_a.path + "/rules") << "always:Cpu->Average Utilization:>=:0:0:0:cpu\n";
         std::ofstream(root_a.path + "/agents") << "a=127.0.0.1:" << port_a << " " << root_a.path
                                                << "/rules\nb=127.0.0.1:" << port_b << "\n";
-        hub = std::make_unique<e2e::Child>(
-            std::vector<std::string>{e2e::vornmon_binary(), "hub", "--listen",
-                                     "127.0.0.1:" + to_string(http), "--interval", "1", "--renew",
-                                     "2", "--alert-interval", "2", "--agents",
-                                     root_a.path + "/agents"},
-            root_a.path + "/hub.out");
-    }
-    void TearDown() override {
-        hub.reset();
-        for (auto* agent : {&a, &b})
-            if (*agent) {
-                EXPECT_EQ((*agent)->stop(), 0) << (*agent)->err();
-            }
+        start_hub({"--interval", "1", "--renew", "2", "--alert-interval", "2", "--agents",
+                   root_a.path + "/agents"});
     }
     std::string metrics() { return e2e::http_get(http, "/metrics"); }
     std::string agents() { return e2e::http_get(http, "/api/agents"); }

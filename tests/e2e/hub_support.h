@@ -3,15 +3,18 @@
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
 #include <chrono>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "agent_harness.h"
@@ -84,5 +87,36 @@ bool eventually(int seconds, F done) {
 inline std::string vornmon_binary() {
     return std::string(VORN_BINARY_DIR) + "/vornmon";
 }
+
+/// Two agents with process collection at a one-second scan, each on its own install root
+/// and port, and the hub a test starts over them; stopped in that order.
+struct TwoAgentsAndAHub : ::testing::Test {
+    InstallRoot root_a, root_b;
+    int port_a = free_port(), port_b = free_port(), http = free_port();
+    std::unique_ptr<Agent> a, b;
+    std::unique_ptr<Child> hub;
+
+    void start_agents() {
+        for (auto [agent, root, port] : {std::tuple{&a, &root_a, port_a}, {&b, &root_b, port_b}}) {
+            *agent = std::make_unique<Agent>(
+                *root, std::vector<std::string>{"-nofork", "-port", std::to_string(port), "-scan",
+                                                "1", "-collectprocess"});
+            ASSERT_TRUE((*agent)->wait_listening(port)) << (*agent)->err();
+        }
+    }
+    /// `vornmon hub --listen` on the test's port, with the arguments given.
+    void start_hub(std::vector<std::string> args) {
+        args.insert(args.begin(), {vornmon_binary(), "hub", "--listen",
+                                   "127.0.0.1:" + std::to_string(http)});
+        hub = std::make_unique<Child>(args, root_a.path + "/hub.out");
+    }
+    void TearDown() override {
+        hub.reset();
+        for (auto* agent : {&a, &b})
+            if (*agent) {
+                EXPECT_EQ((*agent)->stop(), 0) << (*agent)->err();
+            }
+    }
+};
 
 }  // namespace e2e
