@@ -35,6 +35,15 @@ const char* kGlobalHelp =
     "'vornmon COMMAND --help' describes a command. Exit status: 0 done, 1 the agent\n"
     "could not be reached or sent something malformed, 2 bad arguments.\n";
 
+// The options of the commands that read the packet stream, described once.
+#define STREAM_OPTIONS_HELP                                                                   \
+    "  --count N       stop after N packets (the first one defines the counters)\n"           \
+    "  --interval N    scan interval asked of the agent (default 2)\n"                        \
+    "  --reconnect S   give up after S seconds without the agent (default 30)\n"              \
+    "  --hub URL       read through a hub (vornmon hub) instead of taking the agent's\n"      \
+    "                  data connection: any number of readers at once\n"                      \
+    "  --agent NAME    the hub's agent to read (needed when it watches several)\n"
+
 const std::vector<OptionSpec> kStreamOptions = {{"--interval", true},
                                                 {"--count", true},
                                                 {"--reconnect", true},
@@ -77,22 +86,12 @@ const std::vector<Command> kCommands = {
      0, 0, cmd_top},
     {"raw", "raw [--count N] [--interval N] [--reconnect S] [--hub URL [--agent NAME]]",
      "Prints the data packets exactly as received, length prefix included.\n"
-     "  --count N       stop after N packets (the first one defines the counters)\n"
-     "  --interval N    scan interval asked of the agent (default 2)\n"
-     "  --reconnect S   give up after S seconds without the agent (default 30)\n"
-     "  --hub URL       read through a hub (vornmon hub) instead of taking the agent's\n"
-     "                  data connection: any number of readers at once\n"
-     "  --agent NAME    the hub's agent to read (needed when it watches several)\n",
+     STREAM_OPTIONS_HELP,
      kStreamOptions, 0, 0, cmd_raw},
     {"json", "json [--count N] [--interval N] [--reconnect S] [--hub URL [--agent NAME]]",
      "Prints one JSON object per packet: packet number, time, interval, and every value\n"
      "with its metric path, class, instance, units; process values carry pid and name.\n"
-     "  --count N       stop after N packets (the first one defines the counters)\n"
-     "  --interval N    scan interval asked of the agent (default 2)\n"
-     "  --reconnect S   give up after S seconds without the agent (default 30)\n"
-     "  --hub URL       read through a hub (vornmon hub) instead of taking the agent's\n"
-     "                  data connection: any number of readers at once\n"
-     "  --agent NAME    the hub's agent to read (needed when it watches several)\n",
+     STREAM_OPTIONS_HELP,
      kStreamOptions, 0, 0, cmd_json},
     {"desc",
      "desc [--json]",
