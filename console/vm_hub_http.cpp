@@ -177,9 +177,8 @@ void HubServer::Impl::routes() {
                    if (!a) return;
                    if (req.has_param("prefix")) {
                        std::vector<std::string> prefixes;
-                       for (std::size_t i = 0; i < req.get_param_value_count("prefix") &&
-                                               i < kMaxHistoryPrefixes;
-                            ++i)
+                       for (std::size_t i = 0;
+                            i < req.get_param_value_count("prefix") && i < kMaxHistoryPrefixes; ++i)
                            prefixes.push_back(req.get_param_value("prefix", i));
                        return res.set_content(history_series_json(*a, prefixes), kJsonType);
                    }
@@ -202,9 +201,8 @@ void HubServer::Impl::routes() {
                [this](const httplib::Request& req, httplib::Response& res) {
                    stream(req, res, StreamKind::kPackets);
                });
-    server.Get("/api/fleet/stream", [this](const httplib::Request&, httplib::Response& res) {
-        fleet_stream(res);
-    });
+    server.Get("/api/fleet/stream",
+               [this](const httplib::Request&, httplib::Response& res) { fleet_stream(res); });
     add_dashboard_routes(server, hub, options.web);
 }
 

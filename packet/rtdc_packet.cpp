@@ -18,11 +18,11 @@
 
 #include "agent/rtdc_clock.h"
 #include "agent/rtdc_connection.h"
-#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_lines.h"
 #include "packet/rtdc_process_headers.h"
+#include "packet/rtdc_state.h"
 
 namespace {
 
@@ -184,14 +184,13 @@ PacketFrame::PacketFrame(const PacketLines& lines) : lines_(lines) {
     if (head_len < 0) head_len = 0;
     if (static_cast<size_t>(head_len) >= sizeof head) head_len = sizeof head - 1;
 
-    const size_t header_lines =
-        lines_length(lines_.headers, lines_.header_count) +
-        (lines_.process_headers ? lines_.process_headers->length() : 0);
+    const size_t header_lines = lines_length(lines_.headers, lines_.header_count) +
+                                (lines_.process_headers ? lines_.process_headers->length() : 0);
     const bool has_headers = lines_.header_count > 0 ||
                              (lines_.process_headers && lines_.process_headers->entries() > 0);
     if (!has_headers) lines_.process_headers = nullptr;
-    body_ = has_headers ? kHeaderOpen.size() + header_lines + kHeaderClose.size()
-                        : kHeaderEmpty.size();
+    body_ =
+        has_headers ? kHeaderOpen.size() + header_lines + kHeaderClose.size() : kHeaderEmpty.size();
     body_ += lines_.buffer_count
                  ? kDataOpen.size() + lines_length(lines_.buffers, lines_.buffer_count) +
                        kDataClose.size()
@@ -258,7 +257,9 @@ int rtdc_send_lines(int fd, const PacketLines& lines) {
     return sink.finish();
 }
 
-void rtdc_skip_packet() { PacketNumber.store(next_packet_number() + 1, std::memory_order_relaxed); }
+void rtdc_skip_packet() {
+    PacketNumber.store(next_packet_number() + 1, std::memory_order_relaxed);
+}
 
 int rtdc_send_packet(int fd, const char* text, int trace) {
     const size_t len = strlen(text);

@@ -16,8 +16,8 @@ void ProcessHeaderLines::format(const Announced& process, Each&& each) {
     const std::string_view name = process.name ? process.name : "";
     char line[kProcessHeaderLine];
     for (const CounterDef* row = process.table; row->id != 0; ++row)
-        each(std::string_view(line, rtdc_process_header_line(line, *row, process.record, name,
-                                                               pid)));
+        each(std::string_view(line,
+                              rtdc_process_header_line(line, *row, process.record, name, pid)));
 }
 
 bool ProcessHeaderLines::add(long pid, const char* name, CounterDef* table, const void* record,

@@ -6,11 +6,11 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "packet/rtdc_state.h"
 #include "agent/rtdc_log.h"
 #include "packet/rtdc_buffer.h"
 #include "packet/rtdc_packet.h"
 #include "packet/rtdc_process_headers.h"
+#include "packet/rtdc_state.h"
 
 namespace {
 
@@ -71,7 +71,8 @@ int SnapshotHeader(RtaCmdline* settings, char** headers, int* header_count, char
     }
     // A header packet also carries whatever data strings exist.
     if (start_rtdc == 1)
-        rtdc_send_lines(ctrl_sock, {headers, *header_count, &process_headers, buffers, *buffer_count});
+        rtdc_send_lines(ctrl_sock,
+                        {headers, *header_count, &process_headers, buffers, *buffer_count});
     else
         rtdc_skip_packet();
     process_headers.clear();
