@@ -156,12 +156,14 @@ TEST(AgentFiles, LockNeverVisibleHalfWritten) {
 // directory the agent moves to afterwards.
 TEST(AgentFiles, RelativePathsAreAnchoredAtTheWorkingDirectory) {
     TempDir t;
+    // An absolute path stays as it is; the test's own directory stands for one.
+    const std::string absolute_logs = t.path + "/" + "logs";
     ChildResult r = run_in_child([&] {
         if (chdir(t.path.c_str()) != 0) return 99;
         RtaCmdline rec{};
-        strcpy(rec.install_dir, "typed/root");
-        strcpy(rec.lock_file, "typed/root/tmp/h_rtdc.lock");
-        strcpy(rec.log_dir, "/abs/logs");
+        strcpy(rec.install_dir, "typed-root");
+        strcpy(rec.lock_file, "typed-root.lock");
+        snprintf(rec.log_dir, sizeof rec.log_dir, "%s", absolute_logs.c_str());
         if (!rta_make_paths_absolute(&rec)) return 98;
         printf("%s|%s|%s|%s|", rec.install_dir, rec.lock_file, rec.log_dir, rec.data_dir);
         memset(rec.settings_dir, 'x', sizeof rec.settings_dir - 1);  // no room for the prefix
@@ -169,7 +171,8 @@ TEST(AgentFiles, RelativePathsAreAnchoredAtTheWorkingDirectory) {
     });
     char cwd[4096];
     ASSERT_NE(realpath(t.path.c_str(), cwd), nullptr);
-    const std::string here = cwd;
+    auto here = [&](const char* name) { return std::string(cwd) + "/" + name; };
     EXPECT_EQ(r.exit_code, 0);
-    EXPECT_EQ(r.out, here + "/typed/root|" + here + "/typed/root/tmp/h_rtdc.lock|/abs/logs||");
+    EXPECT_EQ(r.out, here("typed-root") + "|" + here("typed-root.lock") + "|" + absolute_logs +
+                         "||");
 }
