@@ -12,13 +12,15 @@
 #include <sstream>
 #include <thread>
 
-#include "agent_harness.h"
+#include "hub_support.h"
 
 extern char** environ;
 
 namespace {
 
 using Args = std::vector<std::string>;
+using e2e::eventually;
+using e2e::has;
 using std::to_string;
 
 std::string slurp(const std::string& path) {
@@ -31,21 +33,6 @@ long lines(const std::string& text) {
     return std::count(text.begin(), text.end(), '\n');
 }
 
-// `part` as text or as a pattern (no ".*" on long texts: the matcher recurses per character).
-::testing::AssertionResult has(const std::string& text, const std::string& part, bool re = false) {
-    if (re ? std::regex_search(text, std::regex(part)) : text.find(part) != std::string::npos)
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "no '" << part << "' in:\n" << text.substr(0, 3000);
-}
-
-// Polls `done` every 200 ms until it holds or `seconds` pass.
-template <typename F>
-bool eventually(int seconds, F done) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(200)))
-        if (std::chrono::steady_clock::now() > end) return false;
-    return true;
-}
 
 // vornmon started through the shell for its redirections (exec keeps the pid), with its
 // output in files; one still running when the test is done with it is ended by its pid.
@@ -56,7 +43,7 @@ struct Vornmon {
     Vornmon(const std::string& base, int port, const std::string& args, const std::string& input)
         : base(base) {
         std::ofstream(base + ".in") << input;
-        std::string bin = std::string(VORN_BINARY_DIR) + "/vornmon",
+        std::string bin = e2e::vornmon_binary(),
                     sh = "exec \"$0\" --port " + to_string(port) + " " + args +
                          " <\"$1.in\" >\"$1.out\" 2>\"$1.err\"";
         const char* argv[] = {"sh", "-c", sh.c_str(), bin.c_str(), base.c_str(), nullptr};

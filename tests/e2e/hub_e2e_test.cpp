@@ -13,13 +13,8 @@
 
 namespace {
 
+using e2e::has;
 using std::to_string;
-
-::testing::AssertionResult has(const std::string& text, const std::string& part, bool re = false) {
-    if (re ? std::regex_search(text, std::regex(part)) : text.find(part) != std::string::npos)
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "no '" << part << "' in:\n" << text.substr(0, 3000);
-}
 
 struct HubE2e : e2e::TwoAgentsAndAHub {
     void SetUp() override {

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -73,6 +74,15 @@ inline std::string http_get(int port, const std::string& target, int* status = n
     if (status) *status = reply.size() > 12 ? std::atoi(reply.c_str() + 9) : 0;
     std::size_t body = reply.find("\r\n\r\n");
     return body == std::string::npos ? "" : reply.substr(body + 4);
+}
+
+/// `part` found in `text`, as text or as a pattern (no ".*" on long texts: the matcher
+/// recurses per character); the failure shows the start of the text.
+inline ::testing::AssertionResult has(const std::string& text, const std::string& part,
+                                      bool re = false) {
+    if (re ? std::regex_search(text, std::regex(part)) : text.find(part) != std::string::npos)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "no '" << part << "' in:\n" << text.substr(0, 3000);
 }
 
 /// Polls `done` every 200 ms until it holds or `seconds` pass.
