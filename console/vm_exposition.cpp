@@ -201,12 +201,15 @@ bool is_pseudo_filesystem(const std::string& mountpoint, double total_blocks) {
     return false;
 }
 
-std::string label_value(std::string_view v) {
+namespace {
+
+// Backslash and line end escaped, and the double quote when `quote` is set.
+std::string escaped(std::string_view v, bool quote) {
     std::string out;
     for (char c : v) {
         if (c == '\\')
             out += "\\\\";
-        else if (c == '"')
+        else if (c == '"' && quote)
             out += "\\\"";
         else if (c == '\n')
             out += "\\n";
@@ -214,6 +217,16 @@ std::string label_value(std::string_view v) {
             out += c;
     }
     return out;
+}
+
+}  // namespace
+
+std::string label_value(std::string_view v) {
+    return escaped(v, true);
+}
+
+std::string help_text(std::string_view v) {
+    return escaped(v, false);
 }
 
 double& Accumulator::total(const Family* family, const std::string& labels) {

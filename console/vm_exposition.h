@@ -34,6 +34,8 @@ struct ExposeOptions {
 
 /// A label value as the text exposition escapes it: backslash, double quote and line end.
 std::string label_value(std::string_view v);
+/// A HELP text as the text exposition escapes it: backslash and line end.
+std::string help_text(std::string_view v);
 
 /// The pseudo file systems left out by default.
 bool is_pseudo_filesystem(const std::string& mountpoint, double total_blocks);
@@ -74,6 +76,8 @@ std::string metric_key(const std::string& klass, const std::string& counter);
 
 /// A label value escaped for the exposition.
 std::string label_value(std::string_view v);
+/// A HELP text as the text exposition escapes it: backslash and line end.
+std::string help_text(std::string_view v);
 
 /// The families in the order they are written.
 const std::vector<const Family*>& families();

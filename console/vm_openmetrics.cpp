@@ -70,19 +70,6 @@ std::string om_number(double v) {
     return shortest_number(v);
 }
 
-std::string escape_help(std::string_view v) {
-    std::string out;
-    for (char c : v) {
-        if (c == '\\')
-            out += "\\\\";
-        else if (c == '\n')
-            out += "\\n";
-        else
-            out += c;
-    }
-    return out;
-}
-
 struct GaugeFamily {
     std::string unit;
     std::string help;
@@ -198,7 +185,7 @@ std::string openmetrics_text(const Sample* sample, bool up) {
         out += "# TYPE " + name + " gauge\n";
         if (!f.unit.empty()) out += "# UNIT " + name + " " + f.unit + "\n";
         // An empty help text is refused by scrapers: fall back to the family's name.
-        out += "# HELP " + name + " " + escape_help(f.help.empty() ? name : f.help) + "\n";
+        out += "# HELP " + name + " " + help_text(f.help.empty() ? name : f.help) + "\n";
         for (const std::string& s : f.samples) out += s + "\n";
     }
     out += "# EOF\n";

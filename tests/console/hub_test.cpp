@@ -95,6 +95,7 @@ TEST(Exposition, PseudoFileSystemsAndLabelEscapes) {
     for (auto [mount, total] : cases) pseudo += is_pseudo_filesystem(mount, total) ? "1" : "0";
     EXPECT_EQ(pseudo, "11111000");
     EXPECT_EQ(label_value("a\"b\\c\nd"), "a\\\"b\\\\c\\nd");
+    EXPECT_EQ(help_text("a\"b\\c\nd"), "a\"b\\\\c\\nd");  // quotes stand in HELP text
 }
 
 TEST(Hub, AgentSpecsAndFiles) {
