@@ -26,7 +26,6 @@ std::int64_t unix_ms_now() {
         .count();
 }
 
-
 bool read_file(const std::string& path, std::string& text, std::string& err) {
     std::ifstream f(path, std::ios::binary);
     if (!f) {
@@ -216,9 +215,9 @@ void AgentLink::on_notice(const std::string& message, bool up) {
     status_.up = up;
     measured_in_connection_ = false;
     publish(StreamKind::kPackets, "notice", up ? "connected to " + status_.instance : message);
-    publish_json("status",
-            "{\"agent\":" + json_quote(spec_.name) + ",\"up\":" + (up ? "true" : "false") +
-                ",\"message\":" + json_quote(message) + "}");
+    publish_json("status", "{\"agent\":" + json_quote(spec_.name) +
+                               ",\"up\":" + (up ? "true" : "false") +
+                               ",\"message\":" + json_quote(message) + "}");
 }
 
 void AgentLink::on_packet(FeedEvent& e) {
@@ -325,8 +324,8 @@ std::shared_ptr<Subscriber> AgentLink::subscribe(StreamKind kind) {
         for (auto r = alerts_.rbegin(); r != alerts_.rend(); ++r)
             if (auto f = firing_.find(r->alert.name);
                 r->raised && f != firing_.end() && f->second && told.insert(f->first).second)
-                s->push(std::make_shared<const std::string>(
-                    sse_event("alert", alert_line(r->alert))));
+                s->push(
+                    std::make_shared<const std::string>(sse_event("alert", alert_line(r->alert))));
     } else if (latest_) {
         std::string json = kind == StreamKind::kDashboard
                                ? compact_sample_json(spec_.name, *latest_, status_.last_sample_ms)

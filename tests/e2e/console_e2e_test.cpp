@@ -33,7 +33,6 @@ long lines(const std::string& text) {
     return std::count(text.begin(), text.end(), '\n');
 }
 
-
 // vornmon started through the shell for its redirections (exec keeps the pid), with its
 // output in files; one still running when the test is done with it is ended by its pid.
 struct Vornmon {
@@ -43,9 +42,9 @@ struct Vornmon {
     Vornmon(const std::string& base, int port, const std::string& args, const std::string& input)
         : base(base) {
         std::ofstream(base + ".in") << input;
-        std::string bin = e2e::vornmon_binary(),
-                    sh = "exec \"$0\" --port " + to_string(port) + " " + args +
-                         " <\"$1.in\" >\"$1.out\" 2>\"$1.err\"";
+        const std::string bin = e2e::vornmon_binary();
+        const std::string sh = "exec \"$0\" --port " + to_string(port) + " " + args +
+                               " <\"$1.in\" >\"$1.out\" 2>\"$1.err\"";
         const char* argv[] = {"sh", "-c", sh.c_str(), bin.c_str(), base.c_str(), nullptr};
         posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ);
     }

@@ -116,8 +116,8 @@ struct TwoAgentsAndAHub : ::testing::Test {
     }
     /// `vornmon hub --listen` on the test's port, with the arguments given.
     void start_hub(std::vector<std::string> args) {
-        args.insert(args.begin(), {vornmon_binary(), "hub", "--listen",
-                                   "127.0.0.1:" + std::to_string(http)});
+        args.insert(args.begin(),
+                    {vornmon_binary(), "hub", "--listen", "127.0.0.1:" + std::to_string(http)});
         hub = std::make_unique<Child>(args, root_a.path + "/hub.out");
     }
     void TearDown() override {
