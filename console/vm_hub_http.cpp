@@ -5,6 +5,8 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <mutex>
+#include <string_view>
 #include <thread>
 
 #include "console/vm_hub_web.h"
@@ -19,6 +21,8 @@ constexpr const char* kTextFormatType = "text/plain; version=0.0.4; charset=utf-
 constexpr const char* kJsonType = "application/json";
 constexpr std::size_t kMaxRequestBody = 64 * 1024;
 constexpr int kKeepAliveS = 5;
+// What a live stream sends when it has nothing new: a comment, which finds readers that left.
+constexpr std::string_view kKeepAlive = ": idle\n\n";
 
 std::string status_json(const AgentStatus& s) {
     return "{\"name\":" + json_quote(s.name) + ",\"instance\":" + json_quote(s.instance) +
@@ -72,12 +76,17 @@ struct HubServer::Impl {
     httplib::Server server;
     std::atomic<std::size_t> streams{0};
     std::atomic<bool> stopping{false};
+    // The fleet summary the fleet streams send, made at most twice a second for all of them.
+    std::mutex fleet_mutex;
+    std::chrono::steady_clock::time_point fleet_made;
+    std::shared_ptr<const std::string> fleet;
 
     Impl(Hub& h, HttpOptions o) : hub(h), options(std::move(o)) {}
     void routes();
     bool take_stream(httplib::Response& res);
     void stream(const httplib::Request& req, httplib::Response& res, StreamKind kind);
     void fleet_stream(httplib::Response& res);
+    std::shared_ptr<const std::string> fleet_now();
     std::shared_ptr<AgentLink> agent(const httplib::Request& req, httplib::Response& res);
 };
 
@@ -113,8 +122,7 @@ void HubServer::Impl::stream(const httplib::Request& req, httplib::Response& res
             auto event = sub->pop(1000);
             if (event) return sink.write(event->data(), event->size());
             if (sub->closed()) return false;
-            static const std::string keep_alive = ": idle\n\n";  // finds readers that left
-            return sink.write(keep_alive.data(), keep_alive.size());
+            return sink.write(kKeepAlive.data(), kKeepAlive.size());
         },
         [this, sub, weak](bool) {
             if (auto link = weak.lock()) link->unsubscribe(sub);
@@ -134,16 +142,23 @@ void HubServer::Impl::fleet_stream(httplib::Response& res) {
             for (int waited = 0; !sent->empty() && waited < 1000 && !stopping; waited += 100)
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
             if (stopping) return false;
-            std::string fleet = fleet_json(hub);
-            if (fleet == *sent) {
-                static const std::string keep_alive = ": idle\n\n";
-                return sink.write(keep_alive.data(), keep_alive.size());
-            }
-            *sent = fleet;
-            std::string event = sse_event("fleet", fleet);
+            std::shared_ptr<const std::string> now = fleet_now();
+            if (*now == *sent) return sink.write(kKeepAlive.data(), kKeepAlive.size());
+            *sent = *now;
+            std::string event = sse_event("fleet", *now);
             return sink.write(event.data(), event.size());
         },
         [this](bool) { streams.fetch_sub(1); });
+}
+
+std::shared_ptr<const std::string> HubServer::Impl::fleet_now() {
+    std::lock_guard<std::mutex> lock(fleet_mutex);
+    const auto now = std::chrono::steady_clock::now();
+    if (!fleet || now - fleet_made >= std::chrono::milliseconds(500)) {
+        fleet = std::make_shared<const std::string>(fleet_json(hub));
+        fleet_made = now;
+    }
+    return fleet;
 }
 
 void HubServer::Impl::routes() {
